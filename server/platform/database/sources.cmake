@@ -2,3 +2,5 @@
 # ${CMAKE_CURRENT_LIST_DIR} because this file is included from its library's CMakeLists.txt.
 target_sources(orvane_platform PRIVATE
 )
+
+include(${CMAKE_CURRENT_LIST_DIR}/definition/sources.cmake)
