@@ -1,0 +1,189 @@
+// context_monitor_t is the server's model of the context root: the map of relative file paths to
+// MD5 hashes, the cumulative hash that clients compare with their own, and the JSON object of
+// files that answers a client's list request. It watches the root with a QFileSystemWatcher,
+// batches change notifications behind a single-shot 1000 ms debounce, rescans only the changed
+// directories, deletes what may not live in the root (anything but background/ and "TMP_" working
+// folders; anything in background/ that is not a valid background image) and reports each rescan.
+//
+// Thread: the monitor lives on the thread that creates it (the sync service's thread); its slots,
+// its watcher and its timer run there. The getters and inUpdate() may also be called from other
+// threads; they read a consistent copy under a small internal lock.
+// Owns: the watcher and the debounce timer (members, no parent).
+// Signals: in_update_change when the busy flag flips; tree_updated_files after a scan that changed
+// the tree (or while files still wait to be renamed into place); end_of_check after a debounced
+// check that found nothing to report. debounce_timer_start/stop are internal.
+//
+// The static helpers (paths, hashing, tree differences, copy/move) touch no shared state and are
+// used directly by the file handler, the sender and the receiver.
+#pragma once
+
+#include "context_sync/context_sync_export.h"
+
+#include <QCryptographicHash>
+#include <QFileInfo>
+#include <QFileSystemWatcher>
+#include <QHash>
+#include <QJsonObject>
+#include <QList>
+#include <QMap>
+#include <QMutex>
+#include <QObject>
+#include <QPair>
+#include <QSet>
+#include <QString>
+#include <QStringList>
+#include <QTimer>
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+
+namespace context_sync_engine {
+
+// Judges one file, given by its absolute path: true when it may stay in its directory.
+using file_validator_t = std::function<bool(const QString&)>;
+
+class CONTEXT_SYNC_EXPORT context_monitor_t : public QObject {
+    Q_OBJECT
+
+public:
+    static constexpr QCryptographicHash::Algorithm algorithm_hash = QCryptographicHash::Md5;
+    // A received file waits under this name prefix until it is renamed into place.
+    inline static const QString prefix_file_to_send = QStringLiteral("[TO_SEND]");
+    // Working files and folders whose base name starts with this (any case) are never touched.
+    inline static const QString prefix_to_ignore = QStringLiteral("TMP_");
+
+    context_monitor_t(const QString& name, const QString& root, QObject* parent = nullptr);
+    ~context_monitor_t() override;
+
+    context_monitor_t(const context_monitor_t&) = delete;
+    context_monitor_t& operator=(const context_monitor_t&) = delete;
+
+    // Getters: copies, safe to call from any thread.
+    QString getRootPath() const;
+    QStringList getFileList() const;
+    QStringList getFileSync() const;
+    QMap<QString, QString> getFileWithHashSync() const;
+    QStringList getFileToSendList() const;
+    QJsonObject get_files_json_object() const;
+    QString get_cumulative_hash() const;
+    QString get_names_hash() const;
+    QString get_content_hash() const;
+    bool isStarted() const;
+
+    // Busy flag: true from the first change of a debounce period until somebody asks after the
+    // timer fired (the flag is cleared lazily, and in_update_change(false) is emitted then, on the
+    // calling thread).
+    bool inUpdate();
+    void setInUpdate(const bool& _value);
+
+    // Writes the watched directories, watched files and known files to the log (level 2).
+    void print() const;
+
+    // --- path helpers ---
+    static QString adjust_path_directory(const QString& path);
+    static QString absolute_to_relative_path(const QString& root, const QString& path);
+    QString absolute_to_relative_path(const QString& path) const;
+    static QString relative_to_absolute_path(const QString& root, const QString& relative);
+    QString relative_to_absolute_path(const QString& relative) const;
+    static void init_root_dir(const QString& path);
+
+    // --- hashing ---
+    static QString compute_hash(const QByteArray& data);
+    // MD5 of the whole file, streamed; empty when the file cannot be opened.
+    static QString compute_file_hash(const QString& path);
+
+    // --- tree differences ---
+    static QJsonObject calculate_diff_json_objects(
+        const QMap<QString, QString>& old_tree, const QMap<QString, QString>& new_tree);
+    // The current file map (old) against a client's files object (new).
+    QJsonObject calculate_diff_json_objects(const QJsonObject& other) const;
+    static QHash<QString, QSet<QString>> calculate_diff_stringlist(
+        const QList<QString>& old, const QList<QString>& actual);
+    static QHash<QString, QHash<QString, QSet<QString>>> calculate_diff_qhash(
+        const QHash<QString, QList<QString>>& old, const QHash<QString, QList<QString>>& actual);
+
+    // --- name prefixes ---
+    static QString set_prefix_from_file_name(const QString& prefix, const QString& path);
+    static QString unset_prefix_from_file_name(const QString& prefix, const QString& path);
+    static QPair<QString, QString> getRenameValue(const QString& path);
+
+    // --- local file operations ---
+    static bool create_dir(const QString& path);
+    static bool prepare_copy_move_file(const QString& src, const QString& dst,
+        const bool& create_directory, const bool& overwrite);
+    static bool move_file(const QString& src, const QString& dst, const bool& create_directory,
+        const bool& overwrite);
+    static bool copy_file(const QString& src, const QString& dst, const bool& create_directory,
+        const bool& overwrite);
+
+signals:
+    void in_update_change(const bool& _value);
+    void tree_updated_files(const QString& _cumulative_hash_file,
+        const QString& _cumulative_hash_file_name, const QJsonObject& _diff_file_tree);
+    void end_of_check();
+    void debounce_timer_start();
+    void debounce_timer_stop();
+
+public slots:
+    void rename_file_to_send(const QString& _filePath, const bool& _update_file_list = false);
+    void start_watcher();
+    void stop_watcher();
+    context_sync_engine::file_validator_t validator(const QFileInfo& dir_info, bool& _deleted);
+    bool scan_directories(const QSet<QString>& paths);
+    void scan_directory_recursive(const QString& path);
+    void clean_dir_file_removed();
+    bool calculate_cumulative_hash();
+    void on_directory_changed(const QString& path);
+    void on_timeout_debounced();
+
+private:
+    void restart_debounce_timer();
+    void stop_debounce_timer();
+
+    // Model mutations go through these so that readers on other threads see whole values.
+    void model_insert(const QString& relative, const QString& hash);
+    void model_remove(const QString& relative);
+    void model_clear();
+    void file_to_send_remove_all(const QString& path);
+    QMap<QString, QString> model_copy() const;
+    // Watcher access under the model lock (getFileList() reads it from other threads).
+    bool watch_add(const QString& path, bool is_dir);
+    bool is_watched_dir(const QString& path) const;
+    bool is_watched_file(const QString& path) const;
+    void watch_remove(const QStringList& paths);
+    QStringList watched_dirs() const;
+    QStringList watched_files() const;
+    void watch_clear();
+
+    QHash<QString, file_validator_t> directory_validators;
+    // Serialises the slots that touch the pending set and the file maps.
+    QMutex mutex;
+    std::atomic<bool> started { false };
+    std::atomic<bool> in_update { false };
+    QString monitor_name;
+    QString root_path;
+    QString current_dir_prefix;
+    QSet<QString> pending_directories;
+    QFileSystemWatcher watcher;
+    QTimer debounce_timer;
+    QMap<QString, QString> files_with_hash;
+    QStringList file_to_send_list;
+    QJsonObject files_json_object;
+    QString content_hash;
+    QString names_hash;
+    QString cumulative_hash;
+
+    // Guards the members above that the getters read from other threads (the file map, the list
+    // of files to send, the hashes, the JSON object, the watcher's lists). Held only for the copy
+    // or the single update, never across a call out or an emit.
+    mutable std::mutex model_lock;
+    // Mirrors the debounce timer's running state for readers on other threads.
+    std::atomic<bool> timer_running { false };
+    // What the watcher watches, kept as sets so that the scan's "already watched?" test does not
+    // copy the watcher's lists for every entry.
+    QSet<QString> watched_dir_set;
+    QSet<QString> watched_file_set;
+};
+
+} // namespace context_sync_engine
