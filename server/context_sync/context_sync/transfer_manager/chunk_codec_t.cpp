@@ -1,0 +1,197 @@
+#include "context_sync/context_sync/transfer_manager/chunk_codec_t.h"
+
+#include <QCryptographicHash>
+#include <QIODevice>
+#include <QJsonValue>
+#include <QtEndian>
+
+#include <zlib.h>
+
+#include <algorithm>
+#include <climits>
+
+namespace context_sync_engine {
+
+const QString chunk_codec_t::KEY_FILE = QStringLiteral("file");
+const QString chunk_codec_t::KEY_CHUNK_INDEX = QStringLiteral("chunk_index");
+const QString chunk_codec_t::KEY_REMAINING_FILES = QStringLiteral("remaining_files");
+const QString chunk_codec_t::KEY_TOTAL_CHUNKS = QStringLiteral("total_chunks");
+const QString chunk_codec_t::KEY_DATA = QStringLiteral("data");
+const QString chunk_codec_t::KEY_COMPRESSION = QStringLiteral("compression");
+const QString chunk_codec_t::KEY_HASH = QStringLiteral("hash");
+const QString chunk_codec_t::KEY_PERCENT = QStringLiteral("percent");
+const QString chunk_codec_t::KEY_SPEED = QStringLiteral("speed");
+const QString chunk_codec_t::KEY_ACK_CHUNK_INDEX = QStringLiteral("chunkIndex");
+
+namespace {
+
+constexpr qsizetype FRAME_HEADER_SIZE = 4;
+
+// Inflates the zlib stream that follows the 4-byte length of the qCompress framing. Unlike
+// qUncompress, which keeps doubling its buffer until the stream fits, this never produces more
+// than a chunk can hold, so a small message cannot expand into gigabytes. Trailing bytes after the
+// end of the stream are ignored, as zlib's uncompress() does.
+bool inflate_framed(QByteArrayView framed, QByteArray& out)
+{
+    out.clear();
+    if (framed.size() < FRAME_HEADER_SIZE)
+        return false;
+    const quint32 declared = qFromBigEndian<quint32>(framed.data());
+    if (declared > quint32(chunk_codec_t::CHUNK_SIZE))
+        return false;
+    if (framed.size() == FRAME_HEADER_SIZE)
+        return declared == 0; // what qCompress makes of empty input
+
+    z_stream stream {};
+    if (inflateInit(&stream) != Z_OK)
+        return false;
+
+    const qsizetype limit = chunk_codec_t::CHUNK_SIZE;
+    qsizetype capacity = std::max<qsizetype>(declared, 1);
+    out.resize(capacity);
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(framed.data() + FRAME_HEADER_SIZE));
+    stream.avail_in = uInt(framed.size() - FRAME_HEADER_SIZE);
+    stream.next_out = reinterpret_cast<Bytef*>(out.data());
+    stream.avail_out = uInt(capacity);
+
+    bool ok = false;
+    for (;;) {
+        const int result = inflate(&stream, Z_NO_FLUSH);
+        if (result == Z_STREAM_END) {
+            ok = true;
+            break;
+        }
+        if (result != Z_OK && result != Z_BUF_ERROR)
+            break;
+        if (stream.avail_out != 0)
+            break; // input exhausted before the end of the stream: truncated
+        if (capacity >= limit)
+            break; // more than a chunk can hold
+        // The declared length was short; grow once to the largest possible chunk.
+        const qsizetype produced = capacity;
+        capacity = limit;
+        out.resize(capacity);
+        stream.next_out = reinterpret_cast<Bytef*>(out.data() + produced);
+        stream.avail_out = uInt(capacity - produced);
+    }
+    const qsizetype produced = qsizetype(stream.total_out);
+    inflateEnd(&stream);
+    if (!ok) {
+        out.clear();
+        return false;
+    }
+    out.resize(produced);
+    return true;
+}
+
+} // namespace
+
+qint64 chunk_codec_t::chunk_count(qint64 file_size)
+{
+    if (file_size <= 0)
+        return 0;
+    return file_size / CHUNK_SIZE + (file_size % CHUNK_SIZE != 0 ? 1 : 0);
+}
+
+QString chunk_codec_t::hash_hex(QByteArrayView bytes)
+{
+    return QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex());
+}
+
+int chunk_codec_t::effective_compression(int level)
+{
+    if (level < 1)
+        return 0;
+    return std::min(level, MAX_COMPRESSION_LEVEL);
+}
+
+QByteArray chunk_codec_t::encode_payload(QByteArrayView raw, int level)
+{
+    const int compression = effective_compression(level);
+    if (compression == 0)
+        return QByteArray::fromRawData(raw.data(), raw.size()).toBase64();
+    return qCompress(reinterpret_cast<const uchar*>(raw.data()), raw.size(), compression)
+        .toBase64();
+}
+
+QJsonObject chunk_codec_t::build_chunk(const header_t& header, QByteArrayView raw, int level)
+{
+    const QByteArray base64 = encode_payload(raw, level);
+    QJsonObject chunk;
+    chunk.insert(KEY_FILE, header.file);
+    chunk.insert(KEY_CHUNK_INDEX, header.chunk_index);
+    chunk.insert(KEY_REMAINING_FILES, header.remaining_files);
+    chunk.insert(KEY_TOTAL_CHUNKS, header.total_chunks);
+    chunk.insert(KEY_DATA, QJsonValue(QLatin1StringView(base64)));
+    chunk.insert(KEY_COMPRESSION, effective_compression(level));
+    chunk.insert(KEY_HASH, hash_hex(raw));
+    chunk.insert(KEY_PERCENT, header.percent);
+    chunk.insert(KEY_SPEED, header.speed);
+    return chunk;
+}
+
+bool chunk_codec_t::read_chunk(QIODevice& device, QByteArray& buffer)
+{
+    buffer.resize(CHUNK_SIZE);
+    const qint64 got = device.read(buffer.data(), CHUNK_SIZE);
+    if (got < 0) {
+        buffer.resize(0);
+        return false;
+    }
+    buffer.resize(got);
+    return true;
+}
+
+chunk_codec_t::fields_t chunk_codec_t::read_fields(const QJsonObject& chunk)
+{
+    fields_t fields;
+    fields.header.file = chunk.value(KEY_FILE).toString();
+    fields.header.chunk_index = chunk.value(KEY_CHUNK_INDEX).toInt(0);
+    fields.header.remaining_files = chunk.value(KEY_REMAINING_FILES).toInt(0);
+    fields.header.total_chunks = chunk.value(KEY_TOTAL_CHUNKS).toInteger(0);
+    fields.header.percent = chunk.value(KEY_PERCENT).toInteger(0);
+    fields.header.speed = chunk.value(KEY_SPEED).toDouble(0.0);
+    fields.compression = chunk.value(KEY_COMPRESSION).toInt(0);
+    fields.data = chunk.value(KEY_DATA).toString();
+    fields.hash = chunk.value(KEY_HASH).toString();
+    return fields;
+}
+
+QByteArray chunk_codec_t::decode_payload(const QString& data, int compression)
+{
+    // Decoding an rvalue reuses the UTF-8 buffer for the decoded bytes.
+    QByteArray bytes = QByteArray::fromBase64Encoding(data.toUtf8()).decoded;
+    if (compression == 0)
+        return bytes.size() <= CHUNK_SIZE ? bytes : QByteArray();
+    QByteArray out;
+    inflate_framed(bytes, out);
+    return out;
+}
+
+chunk_codec_t::decoded_t chunk_codec_t::decode_chunk(const QJsonObject& chunk)
+{
+    decoded_t decoded;
+    decoded.fields = read_fields(chunk);
+    decoded.bytes = decode_payload(decoded.fields.data, decoded.fields.compression);
+    decoded.actual_hash = hash_hex(decoded.bytes);
+    decoded.valid = decoded.actual_hash == decoded.fields.hash;
+    return decoded;
+}
+
+QJsonObject chunk_codec_t::build_ack(const QString& file, int chunk_index)
+{
+    QJsonObject ack;
+    ack.insert(KEY_FILE, file);
+    ack.insert(KEY_ACK_CHUNK_INDEX, chunk_index);
+    return ack;
+}
+
+chunk_codec_t::ack_t chunk_codec_t::read_ack(const QJsonObject& ack)
+{
+    ack_t result;
+    result.file = ack.value(KEY_FILE).toString();
+    result.chunk_index = ack.value(KEY_ACK_CHUNK_INDEX).toInt(0);
+    return result;
+}
+
+} // namespace context_sync_engine
