@@ -3,4 +3,6 @@
 target_sources(context_sync PRIVATE
     ${CMAKE_CURRENT_LIST_DIR}/context_background_image_t.h
     ${CMAKE_CURRENT_LIST_DIR}/context_background_image_t.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/context_file_handler_t.h
+    ${CMAKE_CURRENT_LIST_DIR}/context_file_handler_t.cpp
 )
