@@ -1,5 +1,7 @@
 #include "context_sync/context_sync/watcher/context_monitor_t.h"
 
+#include "context_sync/context_sync/context_background_image_t.h"
+#include "context_sync/context_sync/context_file_handler_t.h"
 #include "platform/logs/classlogs.h"
 
 #include <QDir>
@@ -29,6 +31,35 @@ const QString& separator_line()
     return line;
 }
 
+bool accept_all(const QString&)
+{
+    return true;
+}
+
+bool reject_all(const QString&)
+{
+    return false;
+}
+
+QString without_trailing_separator(const QString& path)
+{
+    QString result = path;
+    while (result.size() > 1 && result.endsWith(QLatin1Char('/')))
+        result.chop(1);
+    return result;
+}
+
+// Removes a directory that may not stay. A link is removed as a link: removing recursively
+// through it would delete whatever it points at, possibly outside the root.
+void remove_stray_directory(const QString& path)
+{
+    if (QFileInfo(path).isSymLink()) {
+        QFile::remove(path);
+        return;
+    }
+    QDir(path).removeRecursively();
+}
+
 } // namespace
 
 // ----------------------------------------------------------------------------------------------
@@ -37,6 +68,10 @@ const QString& separator_line()
 context_monitor_t::context_monitor_t(const QString& name, const QString& root, QObject* parent)
     : QObject(parent)
 {
+    // Only background images may live below the root (besides "TMP_" working folders).
+    directory_validators.insert(
+        context_background_image_t::relative_path, &context_background_image_t::validator);
+
     monitor_name = name;
     root_path = adjust_path_directory(root);
     current_dir_prefix = QStringLiteral(".%1").arg(QStringLiteral("/"));
@@ -569,9 +604,35 @@ void context_monitor_t::stop_watcher()
 
 file_validator_t context_monitor_t::validator(const QFileInfo& dir_info, bool& _deleted)
 {
-    Q_UNUSED(dir_info);
+    const QString dir = adjust_path_directory(dir_info.absoluteFilePath());
+    const QString relative = absolute_to_relative_path(root_path, dir);
     _deleted = false;
-    return [](const QString&) { return true; };
+
+    if (directory_validators.isEmpty())
+        return accept_all;
+    auto registered = directory_validators.constFind(relative);
+    if (registered != directory_validators.cend())
+        return registered.value();
+
+    // The name is taken without the trailing separator, so that "TMP_x/" is recognised as well as
+    // "TMP_x". The root itself is never a working folder, whatever its name.
+    const QString dir_name = without_trailing_separator(dir);
+    if (dir != root_path
+        && QFileInfo(dir_name).baseName().startsWith(prefix_to_ignore, Qt::CaseInsensitive)) {
+        _deleted = true;
+        return reject_all;
+    }
+
+    if (dir != root_path) {
+        MONITOR_LOG(QStringLiteral("Directory not in path validator delete  %1 ")
+                        .arg(dir_info.absoluteFilePath()),
+            2);
+        // The handler unlinks a linked folder rather than emptying what it points at.
+        context_file_handler_t::clean_tmp_folder(dir, false);
+        _deleted = true;
+        return file_validator_t();
+    }
+    return reject_all;
 }
 
 bool context_monitor_t::scan_directories(const QSet<QString>& paths)
@@ -584,11 +645,135 @@ bool context_monitor_t::scan_directories(const QSet<QString>& paths)
 
 void context_monitor_t::scan_directory_recursive(const QString& path)
 {
-    Q_UNUSED(path);
+    if (scan_depth == 0)
+        sync_watch_sets();
+    ++scan_depth;
+    scan_one_directory(path);
+    --scan_depth;
+}
+
+void context_monitor_t::scan_one_directory(const QString& path)
+{
+    const QString dir = adjust_path_directory(path);
+    MONITOR_LOG(QStringLiteral("[%1] Scan directory %2").arg(monitor_name, dir), 6);
+
+    bool deleted = false;
+    const file_validator_t judge = validator(QFileInfo(dir), deleted);
+    if (deleted)
+        return;
+
+    const QDir directory(dir);
+    if (!directory.exists()) {
+        MONITOR_LOG(QStringLiteral("[%1] Directory %2 not exist!")
+                        .arg(monitor_name, directory.absolutePath()),
+            2);
+        return;
+    }
+    if (!QFileInfo(dir).isReadable()) {
+        MONITOR_LOG(QStringLiteral("Not readable file %1, remove it!").arg(dir), 2);
+        remove_stray_directory(without_trailing_separator(dir));
+        return;
+    }
+
+    if (!is_watched_dir(dir) && !watch_add(dir, true))
+        MONITOR_LOG(QStringLiteral("Error to add: ") + dir, 2);
+
+    // System entries are listed too (dangling links, pipes, sockets) so that they can be removed:
+    // only plain files and directories may live in the tree.
+    const QFileInfoList entries = directory.entryInfoList(
+        QDir::Files | QDir::Dirs | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
+    for (const QFileInfo& entry : entries) {
+        const QString absolute = entry.absoluteFilePath();
+        if (entry.baseName().startsWith(prefix_to_ignore, Qt::CaseInsensitive))
+            continue;
+
+        // A link is never followed: neither the scan nor a deletion may reach outside the root.
+        // The link itself is removed as a stray entry.
+        if (entry.isSymLink()) {
+            if (entry.isDir())
+                MONITOR_LOG(
+                    QStringLiteral("Directory not in path validator delete  %1 ").arg(absolute), 2);
+            else
+                MONITOR_LOG(QStringLiteral("Validator failed, delete file: %1").arg(absolute), 2);
+            if (!QFile::remove(absolute))
+                MONITOR_LOG(QStringLiteral("Unable to remove: %1").arg(absolute), 2);
+            continue;
+        }
+
+        if (!entry.isReadable()) {
+            MONITOR_LOG(QStringLiteral("Not readable file %1, remove it!").arg(absolute), 2);
+            if (entry.isDir())
+                remove_stray_directory(absolute);
+            else
+                QFile::remove(absolute);
+            continue;
+        }
+
+        if (entry.isDir()) {
+            // A directory already watched is rescanned only when it is itself reported changed.
+            if (!is_watched_dir(adjust_path_directory(absolute)))
+                scan_one_directory(absolute);
+            continue;
+        }
+
+        if (entry.baseName().startsWith(prefix_file_to_send, Qt::CaseInsensitive)) {
+            MONITOR_LOG(QStringLiteral("File with prefix %1 not permitted! Delete %2")
+                            .arg(prefix_file_to_send, absolute),
+                3);
+            QFile::remove(absolute);
+            continue;
+        }
+
+        // Pipes, sockets and devices are never hashed: opening a pipe would block the scan.
+        if (entry.isFile() && judge && judge(absolute)) {
+            const QString hash = compute_file_hash(absolute);
+            if (hash.isEmpty())
+                continue;
+            if (!is_watched_file(absolute) && !watch_add(absolute, false))
+                MONITOR_LOG(QStringLiteral("Error to add: ") + absolute, 2);
+            model_insert(absolute_to_relative_path(root_path, absolute), hash);
+            continue;
+        }
+
+        MONITOR_LOG(QStringLiteral("Validator failed, delete file: %1").arg(absolute), 2);
+        if (!QFile::remove(absolute))
+            MONITOR_LOG(QStringLiteral("Unable to remove: %1").arg(absolute), 2);
+    }
 }
 
 void context_monitor_t::clean_dir_file_removed()
 {
+    sync_watch_sets();
+
+    QStringList gone;
+    for (const QString& dir : watched_dirs()) {
+        if (!QFileInfo::exists(dir))
+            gone.append(dir);
+    }
+    watch_remove(gone);
+
+    gone.clear();
+    for (const QString& file : watched_files()) {
+        if (!QFileInfo::exists(file)) {
+            gone.append(file);
+            model_remove(absolute_to_relative_path(root_path, file));
+        }
+    }
+    watch_remove(gone);
+
+    {
+        std::lock_guard<std::mutex> lock(model_lock);
+        for (auto it = files_with_hash.begin(); it != files_with_hash.end();) {
+            if (watched_file_set.contains(relative_to_absolute_path(root_path, it.key())))
+                ++it;
+            else
+                it = files_with_hash.erase(it);
+        }
+        for (qsizetype i = file_to_send_list.size() - 1; i >= 0; --i) {
+            if (!QFileInfo::exists(file_to_send_list.at(i)))
+                file_to_send_list.removeAt(i);
+        }
+    }
 }
 
 void context_monitor_t::on_directory_changed(const QString& path)
@@ -723,6 +908,16 @@ QStringList context_monitor_t::watched_files() const
 {
     std::lock_guard<std::mutex> lock(model_lock);
     return watcher.files();
+}
+
+void context_monitor_t::sync_watch_sets()
+{
+    // The watcher forgets a path by itself when the path is deleted or replaced; the sets follow.
+    std::lock_guard<std::mutex> lock(model_lock);
+    const QStringList dirs = watcher.directories();
+    const QStringList files = watcher.files();
+    watched_dir_set = QSet<QString>(dirs.cbegin(), dirs.cend());
+    watched_file_set = QSet<QString>(files.cbegin(), files.cend());
 }
 
 void context_monitor_t::watch_clear()

@@ -155,6 +155,8 @@ private:
     QStringList watched_dirs() const;
     QStringList watched_files() const;
     void watch_clear();
+    void sync_watch_sets();
+    void scan_one_directory(const QString& path);
 
     QHash<QString, file_validator_t> directory_validators;
     // Serialises the slots that touch the pending set and the file maps.
@@ -184,6 +186,8 @@ private:
     // copy the watcher's lists for every entry.
     QSet<QString> watched_dir_set;
     QSet<QString> watched_file_set;
+    // Depth of scan_directory_recursive, so that the watch sets are refreshed once per scan.
+    int scan_depth = 0;
 };
 
 } // namespace context_sync_engine
