@@ -74,6 +74,10 @@ context_monitor_t::context_monitor_t(const QString& name, const QString& root, Q
 
     monitor_name = name;
     root_path = adjust_path_directory(root);
+    // A relative root is resolved once against the working directory: the scan compares it with
+    // absolute paths, and a mismatch would make the root look like a stray folder.
+    if (QDir::isRelativePath(root_path))
+        root_path = adjust_path_directory(QDir(root_path).absolutePath());
     current_dir_prefix = QStringLiteral(".%1").arg(QStringLiteral("/"));
 
     init_root_dir(root_path);
@@ -578,7 +582,7 @@ void context_monitor_t::rename_file_to_send(const QString& _filePath, const bool
 }
 
 // ----------------------------------------------------------------------------------------------
-// watching (filled in with the scanning rules)
+// watching and scanning
 
 void context_monitor_t::start_watcher()
 {

@@ -17,6 +17,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -804,4 +807,66 @@ TEST(ContextMonitorWatch, ReceivedFileRenamedIntoPlaceIsReportedOnce)
     EXPECT_EQ(f.next_diff(), QJsonObject({ { "new", QJsonArray { "background/incoming.png" } } }));
     EXPECT_EQ(f.monitor.getFileWithHashSync(),
         (QMap<QString, QString> { { "background/incoming.png", md5_hex(png) } }));
+}
+
+TEST(ContextMonitorWatch, RelativeRootIsResolvedOnceAndNeverTakenForAStrayFolder)
+{
+    temp_tree_t tree;
+    put_image(tree, "ctx/background/a.png", 1);
+    const QString previous = QDir::currentPath();
+    ASSERT_TRUE(QDir::setCurrent(tree.root()));
+    {
+        context_monitor_t monitor("CONTEXT", "./ctx");
+        EXPECT_EQ(monitor.getRootPath(), QDir(tree.root()).absolutePath() + "/ctx/");
+        monitor.start_watcher();
+        EXPECT_EQ(monitor.getFileSync(), QStringList { "background/a.png" });
+        monitor.stop_watcher();
+    }
+    ASSERT_TRUE(QDir::setCurrent(previous));
+    EXPECT_TRUE(tree.exists("ctx/background/a.png"));
+}
+
+TEST(ContextMonitorWatch, GettersFromAnotherThreadDuringRescansSeeWholeValues)
+{
+    // The service reads the model from its request workers while the monitor rescans on its own
+    // thread; every read must be a consistent copy.
+    temp_tree_t tree;
+    for (quint32 i = 0; i < 20; ++i)
+        put_image(tree, QStringLiteral("background/r_%1.png").arg(i), 500 + i);
+    fixture_t f(tree);
+    f.monitor.start_watcher();
+
+    std::atomic<bool> stop { false };
+    std::atomic<int> reads { 0 };
+    std::atomic<int> bad { 0 };
+    std::thread reader([&] {
+        while (!stop) {
+            const QMap<QString, QString> model = f.monitor.getFileWithHashSync();
+            for (const QString& hash : model)
+                if (hash.size() != 32)
+                    ++bad;
+            if (f.monitor.get_cumulative_hash().size() != 32)
+                ++bad;
+            (void)f.monitor.get_files_json_object();
+            (void)f.monitor.getFileList();
+            (void)f.monitor.getFileSync();
+            (void)f.monitor.getFileToSendList();
+            (void)f.monitor.inUpdate();
+            (void)f.monitor.calculate_diff_json_objects(QJsonObject());
+            ++reads;
+        }
+    });
+
+    for (quint32 round = 0; round < 3; ++round) {
+        for (quint32 i = 0; i < 5; ++i)
+            put_image(tree, QStringLiteral("background/w_%1_%2.png").arg(round).arg(i), 600 + i);
+        f.next_diff();
+        ASSERT_TRUE(tree.remove(QStringLiteral("background/r_%1.png").arg(round)));
+        f.monitor.scan_directories({ tree.path("background/") });
+    }
+    stop = true;
+    reader.join();
+    EXPECT_GT(reads.load(), 0);
+    EXPECT_EQ(bad.load(), 0);
+    EXPECT_EQ(f.monitor.getFileSync().size(), 20 + 15 - 3);
 }
