@@ -230,6 +230,7 @@ void protoserver_t::connect_now()
         return;
     }
     link_ = link_t::connecting;
+    refused_ = false;
     misc_timer_->start();
     sync_socket();
 }
@@ -289,7 +290,8 @@ void protoserver_t::link_down(int rc)
         for (service::service_rr_base_t* service : services)
             service->connection_down();
         emit disconnected();
-    } else {
+    } else if (!refused_) {
+        // A refused CONNACK has been logged with its reason already.
         ORVANE_LOG(QStringLiteral("MQTT connection to %1:%2 failed: %3")
                        .arg(cnf_.getHost())
                        .arg(cnf_.getPort())
@@ -558,10 +560,15 @@ void protoserver_t::on_connect_cb(struct mosquitto*, void* self, int rc)
         ORVANE_LOG(QStringLiteral("MQTT connection to %1:%2 refused: %3")
                        .arg(server->cnf_.getHost())
                        .arg(server->cnf_.getPort())
-                       .arg(QString::fromUtf8(mosquitto_connack_string(rc))),
+                       .arg(QString::fromUtf8(
+                           server->cnf_.getProtocolVersion() == config::mosquittocnf_t::protocol_v5
+                               ? mosquitto_reason_string(rc)
+                               : mosquitto_connack_string(rc))),
             2, kLogSource);
+        server->refused_ = true;
         return;
     }
+    server->refused_ = false;
     server->link_up();
 }
 
