@@ -494,6 +494,12 @@ void protoserver_t::sync_socket()
         drop_notifiers();
         return;
     }
+    if (link_ == link_t::none) {
+        // Given up by loop_failed(): the socket is shut down but still open until the next
+        // attempt, and a notifier on it would fire without end.
+        drop_notifiers();
+        return;
+    }
     if (socket != socket_) {
         drop_notifiers();
         socket_ = socket;
