@@ -2,7 +2,7 @@
 
 #include "platform/logs/classlogs.h"
 #include "utility/LogStream.h"
-#include "utility/cnfserver.h"
+#include "utility/http_read_config_server_t.h"
 #include "utility/utility_t.h"
 
 #include <QCoreApplication>
@@ -242,7 +242,7 @@ void orvane_option_t::print()
     OPTION_PRINT << "Serial device: " << serial;
     OPTION_PRINT << "Brand: " << brand.ToString();
     OPTION_PRINT << "Product name: " << product_name;
-    OPTION_PRINT << "Url config server: " << cnfserver::base;
+    OPTION_PRINT << "Url config server: " << http_read_config_server_t::baseUrl();
     OPTION_PRINT << "Installation id: " << installation_id;
     OPTION_PRINT << "Folder Log: " << logs_folder;
     OPTION_PRINT << "Folder plugin: " << plugin_folder;

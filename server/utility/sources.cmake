@@ -5,8 +5,12 @@ target_sources(context_sync PRIVATE
     ${CMAKE_CURRENT_LIST_DIR}/LogStream.cpp
     ${CMAKE_CURRENT_LIST_DIR}/cnfserver.h
     ${CMAKE_CURRENT_LIST_DIR}/cnfserver.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/http_read_config_server_t.h
+    ${CMAKE_CURRENT_LIST_DIR}/http_read_config_server_t.cpp
     ${CMAKE_CURRENT_LIST_DIR}/orvane_option_t.h
     ${CMAKE_CURRENT_LIST_DIR}/orvane_option_t.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/thread_object_t.h
+    ${CMAKE_CURRENT_LIST_DIR}/thread_object_t.cpp
     ${CMAKE_CURRENT_LIST_DIR}/type_configuration_mode_t.h
     ${CMAKE_CURRENT_LIST_DIR}/type_configuration_mode_t.cpp
     ${CMAKE_CURRENT_LIST_DIR}/utility_t.h
