@@ -323,7 +323,7 @@ void protoserver_t::remove_subscriptions(service::service_rr_base_t* service)
             ++it;
         }
     }
-    if (link_ != link_t::connected)
+    if (link_ != link_t::connected || shutting_down_)
         return;
     for (const QString& filter : dropped) {
         const bool still_used = std::any_of(subscriptions_.cbegin(), subscriptions_.cend(),
@@ -527,6 +527,9 @@ void protoserver_t::drop_notifiers()
 
 void protoserver_t::shutdown()
 {
+    // Services say goodbye, but keep their subscriptions: a clean session ends with the
+    // connection anyway, and a persistent one must keep them for the next run.
+    shutting_down_ = true;
     const QList<service::service_rr_base_t*> services = services_.values();
     for (service::service_rr_base_t* service : services)
         service->stop();
@@ -543,10 +546,11 @@ void protoserver_t::shutdown()
         closing_ = true;
         mosquitto_disconnect(mosq_);
         waited.restart();
-        while (
-            waited.elapsed() < 500 && mosquitto_socket(mosq_) >= 0 && mosquitto_want_write(mosq_)) {
+        // The broker closes the connection once it has read the DISCONNECT. Closing first could
+        // make it fail on a reply to an earlier packet before it reads the DISCONNECT, and then
+        // it would treat the connection as lost and send the Will.
+        while (waited.elapsed() < 500 && mosquitto_socket(mosq_) >= 0)
             mosquitto_loop(mosq_, 20, 1);
-        }
     }
     closing_ = true;
     link_ = link_t::none;

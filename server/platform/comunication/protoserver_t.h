@@ -137,6 +137,7 @@ private:
     link_t link_ = link_t::none;
     bool open_requested_ = false;
     bool closing_ = false;
+    bool shutting_down_ = false;
     bool refused_ = false; // the broker refused the last CONNECT (logged in the callback)
     std::atomic<bool> connected_ { false };
     std::atomic<int> attempts_ { 0 };

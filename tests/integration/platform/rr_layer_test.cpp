@@ -278,8 +278,11 @@ TEST(service_rr_server_t, WillOfALostClientEmitsOnDisconnectionAndCleanLeaveEmit
     ASSERT_TRUE(wait_until([&] { return broker.log().contains("as carol"); }));
     carol.kill();
     carol.waitForFinished(5000);
-    ASSERT_TRUE(wait_until(
-        [&] { return server.disconnections == QStringList { QStringLiteral("carol") }; }));
+    ASSERT_TRUE(wait_until([&] {
+        return server.disconnections == QStringList { QStringLiteral("carol") };
+    })) << server.disconnections.join(',').toStdString()
+        << "\n"
+        << broker.log().toStdString();
     EXPECT_EQ(server.ends, QStringList { QStringLiteral("alice") });
 }
 
