@@ -5,4 +5,6 @@ target_sources(context_sync PRIVATE
     ${CMAKE_CURRENT_LIST_DIR}/context_background_image_t.cpp
     ${CMAKE_CURRENT_LIST_DIR}/context_file_handler_t.h
     ${CMAKE_CURRENT_LIST_DIR}/context_file_handler_t.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/context_sync_t.h
+    ${CMAKE_CURRENT_LIST_DIR}/context_sync_t.cpp
 )
