@@ -1,0 +1,394 @@
+// context_sync_server end to end: the real program as a child process, a real mosquitto, and the
+// platform's rr client on the test side. Covers start-up (retained status, the first state of
+// service with the cumulative hash, the client file), a list request, clean stops on SIGTERM and
+// SIGINT with a flushed log, a SIGKILL and restart, and the command line's refusals.
+
+#include "server_process_t.h"
+
+#include "rr_test_support.h"
+
+#include "common/mosquitto_broker_t.h"
+#include "common/temp_tree_t.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRegularExpression>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+namespace {
+
+using server_e2e::server_process_t;
+
+const QString kServiceStarted = QStringLiteral("Context sync service running on ");
+const QString kPngFixture = QStringLiteral(CONTEXT_SYNC_TEST_DATA_DIR "/images/bg_640x284.png");
+const QString kJpegFixture
+    = QStringLiteral(CONTEXT_SYNC_TEST_DATA_DIR "/images/bg_640x284_baseline.jpg");
+
+QByteArray read_file(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QString md5_hex(const QByteArray& bytes)
+{
+    return QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex());
+}
+
+// What the server must list for `paths`, relative to the context root `root` inside `tree`: path
+// to the MD5 of the content.
+QJsonObject expected_files(
+    const test_support::temp_tree_t& tree, const QStringList& paths, const QString& root)
+{
+    QJsonObject files;
+    for (const QString& path : paths)
+        files.insert(path, md5_hex(tree.read(root + path)));
+    return files;
+}
+
+// The tree's cumulative hash, computed here independently of the library: MD5 hex of the MD5 hex
+// of the sorted paths joined, followed by the MD5 hex of their file hashes joined.
+QString cumulative_hash(const QJsonObject& files)
+{
+    QByteArray names;
+    QByteArray hashes;
+    for (auto it = files.begin(); it != files.end(); ++it) {
+        names += it.key().toUtf8();
+        hashes += it.value().toString().toUtf8();
+    }
+    return md5_hex(md5_hex(names).toLatin1() + md5_hex(hashes).toLatin1());
+}
+
+// One server set-up: a broker, a context root with a state folder beside it, and a settings file
+// (file mode) that points the server at the broker.
+class ServerFixture : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(broker_.start()) << broker_.log().toStdString();
+        ASSERT_TRUE(dirs_.is_valid());
+        ASSERT_TRUE(dirs_.mkdir(QStringLiteral("root/background")));
+        root_ = dirs_.path(QStringLiteral("root")) + QLatin1Char('/');
+        state_ = dirs_.path(QStringLiteral("state"));
+        config_ = dirs_.path(QStringLiteral("settings.json"));
+        write_settings(broker_.port());
+    }
+
+    void write_settings(int port)
+    {
+        const QJsonObject mqtt { { "host", broker_.host() }, { "port", port },
+            { "client_id", "context-sync-server" }, { "keepalive", 5 } };
+        const QJsonObject document { { "static",
+            QJsonObject { { "orvane",
+                QJsonObject {
+                    { "paths",
+                        QJsonObject { { "client_communication", state_ },
+                            { "logs", state_ + QStringLiteral("/logs") } } },
+                    { "comunication", QJsonObject { { "mqtt", mqtt } } },
+                } } } } };
+        ASSERT_TRUE(dirs_.write(QStringLiteral("settings.json"), QJsonDocument(document).toJson()));
+    }
+
+    void put_image(const QString& relative, const QString& fixture)
+    {
+        ASSERT_TRUE(dirs_.write(QStringLiteral("root/") + relative, read_file(fixture)));
+    }
+
+    QStringList server_arguments() const
+    {
+        return { QStringLiteral("--root"), root_, QStringLiteral("--config"), config_,
+            QStringLiteral("--log-level"), QStringLiteral("6") };
+    }
+
+    // Starts the server and waits until the service has started.
+    void start_server(server_process_t& server, const QStringList& arguments)
+    {
+        ASSERT_TRUE(server.start(arguments));
+        ASSERT_TRUE(server.wait_for_output(kServiceStarted, 20000))
+            << server.output().toStdString();
+    }
+
+    std::unique_ptr<rr_test::client_t> make_client(const QString& id)
+    {
+        auto client = std::make_unique<rr_test::client_t>(rr_test::settings(broker_, id));
+        EXPECT_TRUE(client->wait_ready());
+        return client;
+    }
+
+    // The index of the first response of `type` from position `from` on, or -1 after the wait.
+    static int wait_response(
+        rr_test::client_t& client, const QString& type, int from = 0, int timeout_ms = 10000)
+    {
+        int found = -1;
+        rr_test::wait_until(
+            [&] {
+                for (int i = from; i < client.responses.size(); ++i) {
+                    if (client.responses.at(i).type == type) {
+                        found = i;
+                        return true;
+                    }
+                }
+                return false;
+            },
+            timeout_ms);
+        return found;
+    }
+
+    QString log_file() const { return state_ + QStringLiteral("/logs/server-orvane.log"); }
+
+    test_support::mosquitto_broker_t broker_;
+    test_support::temp_tree_t dirs_;
+    QString root_;
+    QString state_;
+    QString config_;
+};
+
+// Relative paths of the files in `tree` below `relative` (recursive).
+QStringList files_below(const test_support::temp_tree_t& tree, const QString& relative)
+{
+    QStringList below;
+    for (const QString& path : tree.files()) {
+        if (path.startsWith(relative + QLatin1Char('/')))
+            below.append(path);
+    }
+    return below;
+}
+
+} // namespace
+
+TEST_F(ServerFixture, StartPublishesRetainedStatusAndStateOfServiceWithCumulativeHash)
+{
+    put_image(QStringLiteral("background/one.png"), kPngFixture);
+    put_image(QStringLiteral("background/two.jpg"), kJpegFixture);
+    const QString hash = cumulative_hash(expected_files(dirs_,
+        { QStringLiteral("background/one.png"), QStringLiteral("background/two.jpg") },
+        QStringLiteral("root/")));
+    EXPECT_EQ(hash.size(), 32);
+
+    auto early = make_client(QStringLiteral("e2e-early"));
+    server_process_t server;
+    start_server(server, server_arguments());
+
+    const int index = wait_response(*early, QStringLiteral("state_of_service"));
+    ASSERT_GE(index, 0) << server.output().toStdString();
+    const rr_test::response_t& state = early->responses.at(index);
+    EXPECT_EQ(state.subtype, QStringLiteral("ready_to_check"));
+    EXPECT_TRUE(state.broadcast);
+    EXPECT_EQ(state.payload.keys(), QStringList { QStringLiteral("context_hash") });
+    EXPECT_EQ(state.payload.value(QStringLiteral("context_hash")).toString(), hash);
+    EXPECT_TRUE(rr_test::wait_until([&] { return early->statuses.contains("online"); }));
+
+    // A client that comes later finds the status retained.
+    auto late = make_client(QStringLiteral("e2e-late"));
+    EXPECT_TRUE(rr_test::wait_until([&] { return late->statuses.contains("online"); }));
+
+    // File mode wrote the client file from the settings, with an installation id.
+    const QJsonObject client_file
+        = QJsonDocument::fromJson(read_file(state_ + QStringLiteral("/config/comunication.json")))
+              .object();
+    EXPECT_EQ(client_file.value("mqtt").toObject().value("port").toInt(), broker_.port());
+    const QString id = client_file.value("global").toObject().value("installation_id").toString();
+    EXPECT_TRUE(QRegularExpression(QStringLiteral("^[0-9a-f]{32}$")).match(id).hasMatch())
+        << id.toStdString();
+}
+
+TEST_F(ServerFixture, AnswersAContextRequestWithTheFileListToTheRequesterAlone)
+{
+    put_image(QStringLiteral("background/one.png"), kPngFixture);
+    put_image(QStringLiteral("background/two.jpg"), kJpegFixture);
+    // The settings name a broker port where nothing listens: --broker must win.
+    write_settings(test_support::mosquitto_broker_t::free_port());
+
+    server_process_t server;
+    QStringList arguments = server_arguments();
+    arguments << QStringLiteral("--broker")
+              << QStringLiteral("%1:%2").arg(broker_.host()).arg(broker_.port());
+    start_server(server, arguments);
+
+    auto asking = make_client(QStringLiteral("e2e-asking"));
+    auto other = make_client(QStringLiteral("e2e-other"));
+    ASSERT_TRUE(rr_test::wait_until([&] { return asking->statuses.contains("online"); }))
+        << server.output().toStdString();
+    asking->service()->send_request(QStringLiteral("ctx_request"), QJsonObject());
+
+    const int index = wait_response(*asking, QStringLiteral("ctx_list"));
+    ASSERT_GE(index, 0) << server.output().toStdString();
+    EXPECT_FALSE(asking->responses.at(index).broadcast);
+    EXPECT_EQ(asking->responses.at(index).subtype, QString());
+    EXPECT_EQ(asking->responses.at(index).payload,
+        QJsonObject({
+            { "background/one.png", md5_hex(read_file(kPngFixture)) },
+            { "background/two.jpg", md5_hex(read_file(kJpegFixture)) },
+        }));
+    rr_test::settle(300);
+    EXPECT_EQ(wait_response(*other, QStringLiteral("ctx_list"), 0, 0), -1);
+}
+
+TEST_F(ServerFixture, SigtermStopsWithExitCodeZeroAndAFlushedLog)
+{
+    auto client = make_client(QStringLiteral("e2e-watch"));
+    server_process_t server;
+    start_server(server, server_arguments());
+    ASSERT_TRUE(rr_test::wait_until([&] { return client->statuses.contains("online"); }));
+
+    server.signal(SIGTERM);
+    ASSERT_TRUE(server.wait_finished(20000)) << server.output().toStdString();
+    EXPECT_EQ(server.exit_status(), QProcess::NormalExit);
+    EXPECT_EQ(server.exit_code(), 0) << server.output().toStdString();
+
+    // The log file ends with the program's last line: the writer was drained before exit.
+    const QString log = QString::fromUtf8(read_file(log_file()));
+    EXPECT_TRUE(log.contains(QStringLiteral("Signal 15 received, stopping"))) << log.toStdString();
+    EXPECT_TRUE(log.contains(QStringLiteral("Stoppic context sync")));
+    const QStringList lines = log.trimmed().split(QLatin1Char('\n'));
+    EXPECT_TRUE(lines.last().contains(QStringLiteral("context_sync_server stopped")))
+        << lines.last().toStdString();
+    EXPECT_TRUE(server.output().contains(QStringLiteral("context_sync_server stopped")));
+
+    // The service left cleanly: its retained status says so.
+    EXPECT_TRUE(rr_test::wait_until([&] { return client->statuses.last() == "offline"; }));
+}
+
+TEST_F(ServerFixture, SigintStopsWithExitCodeZero)
+{
+    server_process_t server;
+    start_server(server, server_arguments());
+    server.signal(SIGINT);
+    ASSERT_TRUE(server.wait_finished(20000)) << server.output().toStdString();
+    EXPECT_EQ(server.exit_status(), QProcess::NormalExit);
+    EXPECT_EQ(server.exit_code(), 0);
+    EXPECT_TRUE(server.output().contains(QStringLiteral("Signal 2 received, stopping")));
+    EXPECT_TRUE(QString::fromUtf8(read_file(log_file()))
+                    .contains(QStringLiteral("context_sync_server stopped")));
+}
+
+TEST_F(ServerFixture, KilledAndRestartedEmptiesTheReceiveFolderAndConverges)
+{
+    put_image(QStringLiteral("background/one.png"), kPngFixture);
+    auto client = make_client(QStringLiteral("e2e-survivor"));
+    {
+        server_process_t server;
+        start_server(server, server_arguments());
+        ASSERT_TRUE(rr_test::wait_until([&] { return client->statuses.contains("online"); }));
+        // Half an upload in the receive folder, as a crash mid-transfer leaves it.
+        ASSERT_TRUE(dirs_.write(QStringLiteral("root/TMP_file_receive/[TO_SEND]two.jpg"),
+            read_file(kJpegFixture).left(1000)));
+        server.signal(SIGKILL);
+        ASSERT_TRUE(server.wait_finished(10000));
+        EXPECT_EQ(server.exit_status(), QProcess::CrashExit);
+    }
+    // The broker published the connection's Will.
+    EXPECT_TRUE(rr_test::wait_until([&] { return client->statuses.last() == "offline"; }));
+
+    // The tree changes while the server is down.
+    put_image(QStringLiteral("background/two.jpg"), kJpegFixture);
+    ASSERT_TRUE(dirs_.remove(QStringLiteral("root/background/one.png")));
+    put_image(QStringLiteral("background/three.png"), kPngFixture);
+    const QJsonObject files {
+        { "background/three.png", md5_hex(read_file(kPngFixture)) },
+        { "background/two.jpg", md5_hex(read_file(kJpegFixture)) },
+    };
+
+    const int before = client->responses.size();
+    server_process_t restarted;
+    start_server(restarted, server_arguments());
+    const int state = wait_response(*client, QStringLiteral("state_of_service"), before);
+    ASSERT_GE(state, 0) << restarted.output().toStdString();
+    EXPECT_EQ(client->responses.at(state).payload.value("context_hash").toString(),
+        cumulative_hash(files));
+    EXPECT_TRUE(files_below(dirs_, QStringLiteral("root/TMP_file_receive")).isEmpty());
+
+    const int asked = client->responses.size();
+    client->service()->send_request(QStringLiteral("ctx_request"), QJsonObject());
+    const int list = wait_response(*client, QStringLiteral("ctx_list"), asked);
+    ASSERT_GE(list, 0) << restarted.output().toStdString();
+    EXPECT_EQ(client->responses.at(list).payload, files);
+    EXPECT_TRUE(client->statuses.last() == "online");
+}
+
+TEST(ContextSyncServerCommandLine, BadOptionsAreUsageErrorsWithExitCodeTwo)
+{
+    struct row_t {
+        QStringList arguments;
+        QString message;
+    };
+    const QList<row_t> rows {
+        { { "--no-such-option" }, "Unknown option 'no-such-option'." },
+        { { "--broker", "localhost" },
+            "Invalid value for '--broker': 'localhost' (expected "
+            "HOST:PORT)." },
+        { { "--broker", "127.0.0.1:70000" }, "Invalid value for '--broker': '127.0.0.1:70000'" },
+        { { "--broker", ":1883" }, "Invalid value for '--broker': ':1883'" },
+        { { "--log-level", "9" }, "Invalid value for '--log-level': '9' (expected 0 to 6)." },
+        { { "--log-level", "high" }, "Invalid value for '--log-level': 'high'" },
+        { { "--config", "a.json", "--config-server", "http://127.0.0.1:4321/" },
+            "Options '--config' and '--config-server' exclude each other." },
+        { { "--config-server", "ftp://127.0.0.1/" }, "Invalid value for '--config-server'" },
+        { { "--root" }, "Missing value after '--root'." },
+        { { "--root", "" }, "Option '--root' needs a non-empty value." },
+        { { "stray" }, "Unexpected argument: 'stray'." },
+    };
+    for (const row_t& row : rows) {
+        QString out;
+        QString err;
+        const int code = server_process_t::run(row.arguments, out, err);
+        EXPECT_EQ(code, 2) << row.arguments.join(' ').toStdString();
+        EXPECT_TRUE(err.contains(row.message)) << err.toStdString();
+        EXPECT_TRUE(err.contains(QStringLiteral("Try 'context_sync_server --help'")))
+            << err.toStdString();
+        EXPECT_TRUE(out.isEmpty()) << out.toStdString();
+    }
+}
+
+TEST(ContextSyncServerCommandLine, HelpAndVersionPrintAndExitZero)
+{
+    QString out;
+    QString err;
+    ASSERT_EQ(server_process_t::run({ "--help" }, out, err), 0);
+    EXPECT_TRUE(out.startsWith(QStringLiteral("Usage: context_sync_server [options]")));
+    for (const char* option : { "--root DIR", "--config FILE", "--config-server URL",
+             "--broker HOST:PORT", "--log-level N", "--state-dir DIR", "--help", "--version" })
+        EXPECT_TRUE(out.contains(QLatin1String(option))) << option;
+    EXPECT_TRUE(err.isEmpty());
+
+    ASSERT_EQ(server_process_t::run({ "--version" }, out, err), 0);
+    EXPECT_TRUE(QRegularExpression(
+        QStringLiteral(
+            "^context_sync_server \\d+\\.\\d+\\.\\d+ \\(libcontext_sync \\d+\\.\\d+\\.\\d+\\)\n$"))
+                    .match(out)
+                    .hasMatch())
+        << out.toStdString();
+}
+
+TEST(ContextSyncServerCommandLine, UnusableSettingsFileIsAStartFailureWithExitCodeOne)
+{
+    test_support::temp_tree_t dirs;
+    ASSERT_TRUE(dirs.write(QStringLiteral("array.json"), "[1, 2]"));
+    ASSERT_TRUE(dirs.write(QStringLiteral("broken.json"), "{\"static\": "));
+    struct row_t {
+        QString file;
+        QString message;
+    };
+    const QList<row_t> rows {
+        { dirs.path("missing.json"),
+            QStringLiteral("cannot read settings file %1").arg(dirs.path("missing.json")) },
+        { dirs.path("array.json"),
+            QStringLiteral("settings file %1 is not a JSON object").arg(dirs.path("array.json")) },
+        { dirs.path("broken.json"),
+            QStringLiteral("settings file %1 is not JSON").arg(dirs.path("broken.json")) },
+    };
+    for (const row_t& row : rows) {
+        QString out;
+        QString err;
+        const int code = server_process_t::run(
+            { "--root", dirs.path("root"), "--config", row.file, "--log-level", "2" }, out, err);
+        EXPECT_EQ(code, 1) << row.file.toStdString();
+        EXPECT_TRUE(err.contains(row.message)) << err.toStdString();
+    }
+}
