@@ -7,6 +7,7 @@
 
 #include "rr_test_support.h"
 
+#include "common/config_http_server_t.h"
 #include "common/mosquitto_broker_t.h"
 #include "common/temp_tree_t.h"
 
@@ -82,6 +83,14 @@ protected:
 
     void write_settings(int port)
     {
+        ASSERT_TRUE(dirs_.write(QStringLiteral("settings.json"),
+            QJsonDocument(settings_document(port, QString())).toJson()));
+    }
+
+    // A settings document of the configuration server's shape: the client and logs folders in the
+    // state folder, and the broker at `port`; with an installation id when `id` is not empty.
+    QJsonObject settings_document(int port, const QString& id) const
+    {
         const QJsonObject mqtt { { "host", broker_.host() }, { "port", port },
             { "client_id", "context-sync-server" }, { "keepalive", 5 } };
         const QJsonObject document { { "static",
@@ -92,7 +101,12 @@ protected:
                             { "logs", state_ + QStringLiteral("/logs") } } },
                     { "comunication", QJsonObject { { "mqtt", mqtt } } },
                 } } } } };
-        ASSERT_TRUE(dirs_.write(QStringLiteral("settings.json"), QJsonDocument(document).toJson()));
+        if (id.isEmpty())
+            return document;
+        QJsonObject with_id = document;
+        with_id.insert(QStringLiteral("installation"),
+            QJsonObject { { QStringLiteral("installation_id"), id } });
+        return with_id;
     }
 
     void put_image(const QString& relative, const QString& fixture)
@@ -121,15 +135,21 @@ protected:
         return client;
     }
 
-    // The index of the first response of `type` from position `from` on, or -1 after the wait.
-    static int wait_response(
-        rr_test::client_t& client, const QString& type, int from = 0, int timeout_ms = 10000)
+    enum class to_t { anyone, requester, everybody };
+
+    // The index of the first response of `type` from position `from` on, sent to `to`, or -1
+    // after the wait.
+    static int wait_response(rr_test::client_t& client, const QString& type, int from = 0,
+        int timeout_ms = 10000, to_t to = to_t::anyone)
     {
         int found = -1;
         rr_test::wait_until(
             [&] {
                 for (int i = from; i < client.responses.size(); ++i) {
-                    if (client.responses.at(i).type == type) {
+                    const rr_test::response_t& response = client.responses.at(i);
+                    const bool addressed
+                        = to == to_t::anyone || response.broadcast == (to == to_t::everybody);
+                    if (response.type == type && addressed) {
                         found = i;
                         return true;
                     }
@@ -217,17 +237,19 @@ TEST_F(ServerFixture, AnswersAContextRequestWithTheFileListToTheRequesterAlone)
         << server.output().toStdString();
     asking->service()->send_request(QStringLiteral("ctx_request"), QJsonObject());
 
-    const int index = wait_response(*asking, QStringLiteral("ctx_list"));
+    const int index = wait_response(*asking, QStringLiteral("ctx_list"), 0, 10000, to_t::requester);
     ASSERT_GE(index, 0) << server.output().toStdString();
-    EXPECT_FALSE(asking->responses.at(index).broadcast);
     EXPECT_EQ(asking->responses.at(index).subtype, QString());
     EXPECT_EQ(asking->responses.at(index).payload,
         QJsonObject({
             { "background/one.png", md5_hex(read_file(kPngFixture)) },
             { "background/two.jpg", md5_hex(read_file(kJpegFixture)) },
         }));
+    // The answer went to the requester's own topic: the other client saw none addressed to it.
     rr_test::settle(300);
-    EXPECT_EQ(wait_response(*other, QStringLiteral("ctx_list"), 0, 0), -1);
+    EXPECT_EQ(wait_response(*other, QStringLiteral("ctx_list"), 0, 0, to_t::requester), -1);
+    for (const rr_test::response_t& response : other->responses)
+        EXPECT_TRUE(response.broadcast) << response.type.toStdString();
 }
 
 TEST_F(ServerFixture, SigtermStopsWithExitCodeZeroAndAFlushedLog)
@@ -306,10 +328,84 @@ TEST_F(ServerFixture, KilledAndRestartedEmptiesTheReceiveFolderAndConverges)
 
     const int asked = client->responses.size();
     client->service()->send_request(QStringLiteral("ctx_request"), QJsonObject());
-    const int list = wait_response(*client, QStringLiteral("ctx_list"), asked);
+    const int list
+        = wait_response(*client, QStringLiteral("ctx_list"), asked, 10000, to_t::requester);
     ASSERT_GE(list, 0) << restarted.output().toStdString();
     EXPECT_EQ(client->responses.at(list).payload, files);
     EXPECT_TRUE(client->statuses.last() == "online");
+}
+
+TEST_F(ServerFixture, HttpModeTakesItsSettingsFromTheConfigurationServer)
+{
+    test_support::config_http_server_t configuration;
+    ASSERT_TRUE(configuration.start(settings_document(broker_.port(), QString())))
+        << configuration.error().toStdString();
+    auto client = make_client(QStringLiteral("e2e-http"));
+
+    server_process_t server;
+    start_server(server,
+        { "--root", root_, "--config-server", configuration.base_url(), "--log-level", "6" });
+    EXPECT_TRUE(server.output().contains(
+        QStringLiteral("Reading settings from configuration server ") + configuration.base_url()));
+    ASSERT_TRUE(rr_test::wait_until([&] { return client->statuses.contains("online"); }))
+        << server.output().toStdString();
+
+    // The document had no installation id: one was made and stored on the configuration server,
+    // and the client file carries it.
+    ASSERT_EQ(configuration.puts().size(), 1);
+    EXPECT_EQ(configuration.puts().first().path,
+        QStringLiteral("/installation/installation_id?runtriggers=true"));
+    const QJsonObject client_file
+        = QJsonDocument::fromJson(read_file(state_ + QStringLiteral("/config/comunication.json")))
+              .object();
+    const QString id = client_file.value("global").toObject().value("installation_id").toString();
+    EXPECT_EQ(configuration.puts().first().body, QStringLiteral("\"%1\"").arg(id));
+    EXPECT_EQ(client_file.value("mqtt").toObject().value("port").toInt(), broker_.port());
+
+    server.signal(SIGTERM);
+    ASSERT_TRUE(server.wait_finished(20000));
+    EXPECT_EQ(server.exit_code(), 0);
+}
+
+TEST_F(ServerFixture, HttpModeWithoutAnAnsweringServerUsesTheClientFileOfAnEarlierStart)
+{
+    // What an earlier start wrote: the broker's settings in the state folder.
+    ASSERT_TRUE(dirs_.write(QStringLiteral("state/config/comunication.json"),
+        QJsonDocument(
+            QJsonObject { { "mqtt",
+                QJsonObject { { "host", broker_.host() }, { "port", broker_.port() } } } })
+            .toJson()));
+    const QString url = QStringLiteral("http://127.0.0.1:%1/")
+                            .arg(test_support::config_http_server_t::unused_port());
+    auto client = make_client(QStringLiteral("e2e-nohttp"));
+
+    server_process_t server;
+    start_server(server,
+        { "--root", root_, "--config-server", url, "--state-dir", state_, "--log-level", "6" });
+    const QString output = server.output();
+    EXPECT_TRUE(output.contains(QStringLiteral("Config server - wrong reponse to ") + url));
+    EXPECT_TRUE(output.contains(QStringLiteral(
+        "No settings from the configuration server, going on with the current ones")));
+    EXPECT_TRUE(rr_test::wait_until([&] { return client->statuses.contains("online"); }))
+        << server.output().toStdString();
+}
+
+TEST_F(ServerFixture, HttpModeEndsWithStatusZeroWhenANewInstallationIdCannotBeStored)
+{
+    test_support::config_http_server_t::options_t failing;
+    failing.fail_put = true;
+    test_support::config_http_server_t configuration;
+    ASSERT_TRUE(configuration.start(settings_document(broker_.port(), QString()), failing));
+
+    QString out;
+    QString err;
+    const int code = server_process_t::run(
+        { "--root", root_, "--config-server", configuration.base_url(), "--log-level", "4" }, out,
+        err);
+    EXPECT_EQ(code, 0);
+    EXPECT_TRUE((out + err).contains(QStringLiteral("Unable to genarate installation id ...")))
+        << (out + err).toStdString();
+    EXPECT_FALSE((out + err).contains(kServiceStarted));
 }
 
 TEST(ContextSyncServerCommandLine, BadOptionsAreUsageErrorsWithExitCodeTwo)
