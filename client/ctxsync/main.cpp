@@ -1,0 +1,25 @@
+// ctxsync: the command line of the context-sync client. See ctxsync --help.
+
+#include "ctxsync_cli_t.h"
+
+#include <QCoreApplication>
+
+#include <csignal>
+
+namespace {
+void on_signal(int)
+{
+    ctxsync_cli_t::request_stop();
+}
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("ctxsync"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(CONTEXT_SYNC_CLIENT_VERSION));
+    std::signal(SIGINT, on_signal);
+    std::signal(SIGTERM, on_signal);
+    ctxsync_cli_t cli;
+    return cli.run(QCoreApplication::arguments().mid(1));
+}
