@@ -56,7 +56,8 @@ public:
 
     // Path access into a JSON tree. Steps are separated by "/"; a step may carry indexes in
     // brackets ("name[3]", "matrix[1][0]"); a step applied to an array is read as an index. A
-    // missing key or index gives an undefined value; a trailing "/" adds nothing.
+    // missing key or index gives an undefined value; a trailing "/" adds nothing; a path that runs
+    // on past a plain value (string, number, bool, null) gives that value.
     static QJsonValue getJsonValue(QJsonValue& root, const QString& path);
     static QJsonValue getJsonObjValue(const QJsonObject& object, const QString& path);
     // Writes `value` at the path, creating missing containers; a null value removes the entry.
