@@ -448,3 +448,102 @@ TEST(protoserver_t, UnreachableBrokerIsRetriedWithBackOffWithoutSpinning)
     };
     EXPECT_LT(cpu_ms(after) - cpu_ms(before), 700);
 }
+
+TEST(service_rr_server_t, StopEndsServingAndMarksTheStatusOfflineAndStartResumes)
+{
+    mosquitto_broker_t broker;
+    ASSERT_TRUE(broker.start());
+    server_t server(rr_test::settings(broker, QStringLiteral("context-sync-server")));
+    client_t alice(rr_test::settings(broker, QStringLiteral("alice")));
+    ASSERT_TRUE(alice.wait_ready());
+    ASSERT_TRUE(server_ready(alice));
+
+    server.service()->stop();
+    ASSERT_TRUE(wait_until([&] { return alice.statuses.contains(QStringLiteral("offline")); }));
+    EXPECT_EQ(server.service()->getState(), service_rr_base_t::stopped);
+    alice.service()->send_request(QStringLiteral("ctx_request"), QJsonObject());
+    settle(300);
+    EXPECT_TRUE(server.requests.isEmpty());
+    // Stopping twice is harmless.
+    server.service()->stop();
+
+    server.service()->start(service_rr_base_t::finish_on_stop);
+    ASSERT_TRUE(wait_until([&] { return alice.statuses.endsWith(QStringLiteral("online")); }));
+    alice.service()->send_request(QStringLiteral("ctx_request"), QJsonObject());
+    ASSERT_TRUE(wait_until([&] { return server.requests.size() == 1; }));
+    EXPECT_EQ(server.states,
+        (QList<int> { service_rr_base_t::connecting, service_rr_base_t::running,
+            service_rr_base_t::stopped, service_rr_base_t::running }));
+}
+
+TEST(service_rr_server_t, FinishAfterRequestStopsAfterTheFirstRequest)
+{
+    mosquitto_broker_t broker;
+    ASSERT_TRUE(broker.start());
+    server_t server(rr_test::settings(broker, QStringLiteral("context-sync-server")), false);
+    server.service()->start(service_rr_base_t::finish_after_request);
+    client_t alice(rr_test::settings(broker, QStringLiteral("alice")));
+    ASSERT_TRUE(alice.wait_ready());
+    ASSERT_TRUE(server_ready(alice));
+    alice.service()->send_request(QStringLiteral("ctx_request"), QJsonObject());
+    alice.service()->send_request(QStringLiteral("ctx_list"), QJsonObject());
+    ASSERT_TRUE(wait_until([&] { return server.requests.size() == 1; }));
+    ASSERT_TRUE(
+        wait_until([&] { return server.service()->getState() == service_rr_base_t::stopped; }));
+    settle(200);
+    EXPECT_EQ(server.requests.size(), 1);
+}
+
+TEST(service_rr_server_t, LostServerConnectionTurnsTheStatusOfflineThroughItsWill)
+{
+    mosquitto_broker_t broker;
+    ASSERT_TRUE(broker.start());
+    comunication::config::mosquittocnf_t cnf = rr_test::settings(broker, "context-sync-server");
+    cnf.setReconnectDelays(2000, 2000);
+    server_t server(cnf);
+    client_t alice(rr_test::settings(broker, QStringLiteral("alice")));
+    ASSERT_TRUE(alice.wait_ready());
+    ASSERT_TRUE(server_ready(alice));
+    // Another connection under the server's id makes the broker drop the server's connection
+    // without a DISCONNECT: the Will marks the service offline.
+    QProcess usurper;
+    usurper.start(QStringLiteral("mosquitto_sub"),
+        { "-h", broker.host(), "-p", QString::number(broker.port()), "-i", "context-sync-server",
+            "-t", "unrelated" });
+    ASSERT_TRUE(usurper.waitForStarted(5000));
+    ASSERT_TRUE(wait_until([&] { return alice.statuses.contains(QStringLiteral("offline")); }));
+    usurper.kill();
+    usurper.waitForFinished(5000);
+    // The server comes back after its back-off and says so.
+    ASSERT_TRUE(
+        wait_until([&] { return alice.statuses.endsWith(QStringLiteral("online")); }, 6000));
+    EXPECT_EQ(alice.statuses,
+        (QStringList {
+            QStringLiteral("online"), QStringLiteral("offline"), QStringLiteral("online") }));
+}
+
+TEST(protoserver_t, Mqtt311ConnectionsServeLikeMqtt5Ones)
+{
+    mosquitto_broker_t broker;
+    ASSERT_TRUE(broker.start());
+    comunication::config::mosquittocnf_t server_cnf
+        = rr_test::settings(broker, "context-sync-server");
+    server_cnf.setProtocolVersion(comunication::config::mosquittocnf_t::protocol_v311);
+    server_t server(server_cnf);
+    comunication::config::mosquittocnf_t alice_cnf = rr_test::settings(broker, "alice");
+    alice_cnf.setProtocolVersion(comunication::config::mosquittocnf_t::protocol_v311);
+    client_t alice(alice_cnf);
+    ASSERT_TRUE(alice.wait_ready());
+    ASSERT_TRUE(server_ready(alice));
+    EXPECT_TRUE(broker.log().contains(QStringLiteral("as context-sync-server (p2,")));
+    EXPECT_TRUE(broker.log().contains(QStringLiteral("as alice (p2,")));
+    alice.service()->send_request(QStringLiteral("ready_to_check"),
+        QJsonObject { { QStringLiteral("message"),
+            QJsonObject { { QStringLiteral("context_hash"), QStringLiteral("ff") } } } });
+    ASSERT_TRUE(wait_until([&] { return server.requests.size() == 1; }));
+    EXPECT_EQ(server.requests.at(0).origin, QStringLiteral("alice"));
+    server.service()->response_to_service(QStringLiteral("ready_to_check"), QStringLiteral("alice"),
+        QJsonObject { { QStringLiteral("context_hash"), "00" } }, QString());
+    ASSERT_TRUE(wait_until([&] { return alice.responses.size() == 1; }));
+    EXPECT_EQ(alice.responses.at(0).type, QStringLiteral("ready_to_check"));
+}
