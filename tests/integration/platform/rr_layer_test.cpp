@@ -12,6 +12,8 @@
 #include <QJsonDocument>
 #include <QProcess>
 #include <QRandomGenerator>
+#include <QTcpServer>
+#include <QTcpSocket>
 
 #include <gtest/gtest.h>
 
@@ -546,4 +548,44 @@ TEST(protoserver_t, Mqtt311ConnectionsServeLikeMqtt5Ones)
         QJsonObject { { QStringLiteral("context_hash"), "00" } }, QString());
     ASSERT_TRUE(wait_until([&] { return alice.responses.size() == 1; }));
     EXPECT_EQ(alice.responses.at(0).type, QStringLiteral("ready_to_check"));
+}
+
+TEST(protoserver_t, SubscriptionWithoutAcknowledgementTimesOut)
+{
+    // A peer that accepts the connection (CONNACK) and then answers nothing: no real broker
+    // withholds a SUBACK, so the test plays that part with a bare TCP server.
+    QTcpServer peer;
+    ASSERT_TRUE(peer.listen(QHostAddress::LocalHost, 0));
+    QList<QTcpSocket*> sockets;
+    QObject::connect(&peer, &QTcpServer::newConnection, &peer, [&] {
+        QTcpSocket* socket = peer.nextPendingConnection();
+        sockets.append(socket);
+        QObject::connect(socket, &QTcpSocket::readyRead, socket, [socket] {
+            const QByteArray data = socket->readAll();
+            if (!data.isEmpty() && (quint8(data.at(0)) & 0xF0) == 0x10)
+                socket->write(QByteArray::fromHex("20020000")); // CONNACK, accepted
+        });
+    });
+
+    log_capture_t logs;
+    comunication::config::mosquittocnf_t cnf(
+        QStringLiteral("127.0.0.1"), peer.serverPort(), QStringLiteral("context-sync-server"));
+    cnf.setProtocolVersion(comunication::config::mosquittocnf_t::protocol_v311);
+    cnf.setSubscribeTimeoutMs(300);
+    server_t server(cnf, false);
+    QStringList timeouts;
+    QObject context;
+    QObject::connect(server.service(), &service_rr_base_t::on_timeout_subscribe, &context,
+        [&timeouts](QString topic) { timeouts.append(topic); });
+    server.service()->start(service_rr_base_t::finish_on_stop);
+    ASSERT_TRUE(wait_until([&] { return timeouts.size() == 2; }, 3000));
+    timeouts.sort();
+    EXPECT_EQ(timeouts,
+        (QStringList { QStringLiteral("orvane/rr/context_sync/req/#"),
+            QStringLiteral("orvane/rr/presence/+") }));
+    EXPECT_TRUE(logs.contains(
+        QStringLiteral(
+            "MQTT subscription to orvane/rr/context_sync/req/# not acknowledged in time"),
+        3));
+    EXPECT_TRUE(server.proto().isConnected());
 }
