@@ -156,8 +156,12 @@ bool client_t::complete(const QString& file) const
 void client_t::on_response(QString type, QString subtype, QJsonObject payload, bool broadcast)
 {
     responses.append({ type, subtype, payload, broadcast });
-    if (type != QLatin1String("ctx_chunk") || !acknowledge)
-        return;
+    if (type == QLatin1String("ctx_chunk") && acknowledge)
+        handle_chunk(payload);
+}
+
+void client_t::handle_chunk(const QJsonObject& payload)
+{
     const chunk_codec_t::decoded_t chunk = chunk_codec_t::decode_chunk(payload);
     const QString file = chunk.fields.header.file;
     // Stop-and-wait: the chunks of a file come in order, each exactly once.

@@ -95,6 +95,9 @@ public:
     QMap<QString, qint64> total_chunks;
     int bad_chunks = 0;
     bool complete(const QString& file) const;
+    // Decodes, checks, records and acknowledges one chunk (done by itself for every chunk that
+    // arrives while `acknowledge` is true).
+    void handle_chunk(const QJsonObject& chunk);
 
     // Uploads: sends `bytes` as `file` in chunks, each after the previous one is acknowledged.
     // Returns false when an acknowledgement does not come within `timeout_ms`.
