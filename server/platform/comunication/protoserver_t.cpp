@@ -179,7 +179,7 @@ bool protoserver_t::ensure_client()
     mosquitto_connect_callback_set(mosq_, &protoserver_t::on_connect_cb);
     mosquitto_disconnect_callback_set(mosq_, &protoserver_t::on_disconnect_cb);
     mosquitto_message_callback_set(mosq_, &protoserver_t::on_message_cb);
-    mosquitto_publish_callback_set(mosq_, &protoserver_t::on_publish_cb);
+    mosquitto_publish_v5_callback_set(mosq_, &protoserver_t::on_publish_cb);
     mosquitto_subscribe_callback_set(mosq_, &protoserver_t::on_subscribe_cb);
     if (!cnf_.getUsername().isEmpty()) {
         const QByteArray user = cnf_.getUsername().toUtf8();
@@ -599,9 +599,17 @@ void protoserver_t::on_message_cb(
         Qt::QueuedConnection);
 }
 
-void protoserver_t::on_publish_cb(struct mosquitto*, void* self, int mid)
+void protoserver_t::on_publish_cb(
+    struct mosquitto*, void* self, int mid, int reason, const struct mqtt5__property*)
 {
-    static_cast<protoserver_t*>(self)->pending_publish_.remove(mid);
+    auto* server = static_cast<protoserver_t*>(self);
+    const pending_t pending = server->pending_publish_.take(mid);
+    // MQTT 5 brokers say why they dropped a message (an ACL, a quota); MQTT 3.1.1 ones cannot.
+    if (reason >= 0x80) {
+        ORVANE_LOG(QStringLiteral("MQTT publish to %1 refused by the broker: %2")
+                       .arg(pending.topic, QString::fromUtf8(mosquitto_reason_string(reason))),
+            2, kLogSource);
+    }
 }
 
 void protoserver_t::on_subscribe_cb(

@@ -41,6 +41,7 @@
 
 struct mosquitto;
 struct mosquitto_message;
+struct mqtt5__property;
 class QSocketNotifier;
 class QTimer;
 
@@ -105,7 +106,8 @@ private:
     static void on_connect_cb(struct mosquitto*, void* self, int rc);
     static void on_disconnect_cb(struct mosquitto*, void* self, int rc);
     static void on_message_cb(struct mosquitto*, void* self, const struct mosquitto_message* msg);
-    static void on_publish_cb(struct mosquitto*, void* self, int mid);
+    static void on_publish_cb(struct mosquitto*, void* self, int mid, int reason,
+        const struct mqtt5__property* properties);
     static void on_subscribe_cb(
         struct mosquitto*, void* self, int mid, int count, const int* granted);
 

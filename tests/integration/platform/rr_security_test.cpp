@@ -97,6 +97,7 @@ TEST(deployment_acl, DocumentHasTheAclBlock)
 
 TEST(deployment_acl, ClientCannotPublishARequestUnderAnotherClientsId)
 {
+    log_capture_t logs;
     acl_broker_t setup;
     ASSERT_TRUE(setup.ok) << setup.broker.log().toStdString();
     mosquitto_broker_t& broker = setup.broker;
@@ -130,6 +131,11 @@ TEST(deployment_acl, ClientCannotPublishARequestUnderAnotherClientsId)
         = broker.log().split('\n').filter(QStringLiteral("Denied PUBLISH from mallory"));
     EXPECT_EQ(denied.filter(QStringLiteral("'orvane/rr/context_sync/req/bob'")).size(), 1)
         << broker.log().toStdString();
+
+    // The MQTT 5 PUBACK tells the forging client why its request went nowhere.
+    EXPECT_TRUE(logs.wait_for(QStringLiteral("MQTT publish to orvane/rr/context_sync/req/bob "
+                                             "refused by the broker: Not authorized"),
+        2));
 
     // bob's answer reaches bob and not the client that claimed his id.
     server.service()->response_to_service(QStringLiteral("ctx_list"), QStringLiteral("bob"),

@@ -27,10 +27,11 @@ namespace comunication::service {
 class service_rr_base_t : public QObject {
     Q_OBJECT
 public:
-    // When a started service stops by itself.
+    // When a started service stops by itself. "Answer" means one that a server publishes or
+    // that a client receives.
     enum How_finish : int {
         finish_after_request = 0, // after the first request it receives
-        finish_after_response = 1, // after the first answer it publishes
+        finish_after_response = 1, // after the first answer
         finish_on_stop = 2, // serves until stop()
     };
     Q_ENUM(How_finish)
