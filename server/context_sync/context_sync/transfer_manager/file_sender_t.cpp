@@ -8,6 +8,7 @@
 #include <QDateTime>
 #include <QFileInfo>
 #include <QMutexLocker>
+#include <QThread>
 
 namespace context_sync_engine {
 
@@ -36,12 +37,21 @@ file_sender_t::file_sender_t(const QString& _client_id, const QString& _root_pat
 
 file_sender_t::~file_sender_t()
 {
+    // The service deletes a sender later on its thread and at once asks that thread to quit, so
+    // this destructor often runs while the thread finishes: a deleteLater() posted from here
+    // would never be delivered. Objects of this thread are therefore deleted at once.
+    const auto release = [](QObject* object) {
+        if (object->thread() == QThread::currentThread())
+            delete object;
+        else
+            object->deleteLater();
+    };
     if (ack_timer) {
         ack_timer->stop();
-        ack_timer->deleteLater();
+        release(ack_timer.data());
     }
     if (current_file)
-        current_file->deleteLater();
+        release(current_file.data());
 }
 
 bool file_sender_t::inUpload()
