@@ -152,9 +152,10 @@ context_requests_t::result_t context_requests_t::rename(
         entry.refused = true;
         entry.error = QStringLiteral("the server removed %1 after the rename%2")
                           .arg(to,
-                              to.startsWith(QStringLiteral("background/"))
+                              file_upload_t::in_image_folder(to)
                                   ? QString()
-                                  : QStringLiteral(" (it keeps files only under \"background/\")"));
+                                  : QStringLiteral(
+                                      " (it keeps files only directly under \"background/\")"));
     }
     result.entries.append(entry);
     return result;

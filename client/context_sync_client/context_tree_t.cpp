@@ -95,9 +95,10 @@ file_map_t context_tree_t::scan_local(const QString& dir, QStringList* unreadabl
     if (!root.exists())
         return files;
     // Without FollowSymlinks the walk never enters a linked folder, and NoSymLinks leaves out
-    // linked files: a scan sees exactly what lives below `dir`.
-    QDirIterator it(root.absolutePath(), QDir::Files | QDir::Hidden | QDir::NoSymLinks,
-        QDirIterator::Subdirectories);
+    // linked files: a scan sees exactly what lives below `dir`. Hidden entries are left out, as
+    // the server's scan never lists them.
+    QDirIterator it(
+        root.absolutePath(), QDir::Files | QDir::NoSymLinks, QDirIterator::Subdirectories);
     while (it.hasNext()) {
         const QString absolute = it.next();
         const QString relative = root.relativeFilePath(absolute);

@@ -92,13 +92,27 @@ QString file_download_t::prepare_target(const QString& dir, const QString& relat
     const QString root = QFileInfo(dir).canonicalFilePath();
     const QString wanted = QDir(root).absoluteFilePath(relative);
     const QString parent = QFileInfo(wanted).absolutePath();
+    const auto inside = [&root](const QString& path) {
+        return path == root || path.startsWith(root + QLatin1Char('/'));
+    };
+    // The deepest folder that exists already decides where the missing ones would be created:
+    // checked before mkpath, so that no folder is ever made through a link that leads out.
+    QString existing = parent;
+    while (!QFileInfo::exists(existing) && existing.size() > root.size())
+        existing = QFileInfo(existing).absolutePath();
+    if (!inside(QFileInfo(existing).canonicalFilePath())) {
+        if (error)
+            *error
+                = QStringLiteral("\"%1\" refused: its folder leads outside %2").arg(relative, root);
+        return {};
+    }
     if (!QDir().mkpath(parent)) {
         if (error)
             *error = QStringLiteral("cannot create the folder %1").arg(parent);
         return {};
     }
     const QString real_parent = QFileInfo(parent).canonicalFilePath();
-    if (real_parent != root && !real_parent.startsWith(root + QLatin1Char('/'))) {
+    if (!inside(real_parent)) {
         if (error)
             *error
                 = QStringLiteral("\"%1\" refused: its folder leads outside %2").arg(relative, root);
@@ -306,7 +320,7 @@ void file_download_t::on_chunk(const QJsonObject& chunk)
     finish_file(path, true, {});
 }
 
-void file_download_t::finish_file(const QString& path, bool ok, const QString& error)
+void file_download_t::finish_file(QString path, bool ok, const QString& error)
 {
     if (active_ && active_->path == path) {
         if (!ok)

@@ -84,7 +84,8 @@ private:
     void on_packet(
         const QString& type, const QString& subtype, const QJsonObject& payload, bool broadcast);
     void on_chunk(const QJsonObject& chunk);
-    void finish_file(const QString& path, bool ok, const QString& error);
+    // `path` by value: callers pass the active file's own path, which this may destroy.
+    void finish_file(QString path, bool ok, const QString& error);
     void drop_active();
 
     client_connection_t& connection_;

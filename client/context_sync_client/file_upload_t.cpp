@@ -42,6 +42,14 @@ bool file_upload_t::result_t::any_refused() const
     return false;
 }
 
+bool file_upload_t::in_image_folder(const QString& remote_path)
+{
+    // The server deletes every folder of its root but background/ (sub-folders included) and
+    // every plain file directly in the root.
+    return remote_path.startsWith(image_t::relative_path)
+        && !remote_path.mid(image_t::relative_path.size()).contains(QLatin1Char('/'));
+}
+
 file_upload_t::file_upload_t(client_connection_t& connection, QObject* parent)
     : QObject(parent)
     , connection_(connection)
@@ -76,8 +84,8 @@ QString file_upload_t::transfer_problem(const QString& local_path, const QString
 
 QString file_upload_t::placement_problem(const QString& local_path, const QString& remote_path)
 {
-    if (!remote_path.startsWith(image_t::relative_path))
-        return QStringLiteral("the server keeps files only under \"%1\"")
+    if (!in_image_folder(remote_path))
+        return QStringLiteral("the server keeps files only directly under \"%1\"")
             .arg(image_t::relative_path);
     image_t::ImageType type = image_t::UNKNOWN;
     QSize size;

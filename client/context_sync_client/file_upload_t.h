@@ -55,6 +55,9 @@ public:
     // the files that it did not keep as refused. `timeout_ms` bounds each wait for the server.
     result_t run(const QList<item_t>& items, int timeout_ms, bool verify = true);
 
+    // True when `remote_path` names a file directly in "background/", the one folder that the
+    // server keeps.
+    static bool in_image_folder(const QString& remote_path);
     // Why the server would not keep `local_path` at `remote_path` (empty when it would): only
     // "background/" may hold files, and only 640 x 284 JPEG or PNG images of at most 1 MiB.
     static QString placement_problem(const QString& local_path, const QString& remote_path);
