@@ -13,6 +13,9 @@
 #include <algorithm>
 #include <memory>
 
+#include <sys/stat.h>
+#include <time.h>
+
 namespace context_sync_engine {
 
 namespace {
@@ -22,6 +25,8 @@ constexpr int debounce_interval_ms = 1000;
 // Large enough that hashing is bound by MD5, not by system calls; small files get a buffer of
 // their own size.
 constexpr qint64 hash_read_block = 256 * 1024;
+// Coarsest modification-time granularity of the file systems the root may live on (FAT: 2 s).
+constexpr qint64 racy_window_ns = 2000000000;
 
 #define MONITOR_LOG(message, level) ORVANE_LOG((message), (level), log_source)
 
@@ -155,6 +160,11 @@ QString context_monitor_t::get_content_hash() const
 bool context_monitor_t::isStarted() const
 {
     return started;
+}
+
+quint64 context_monitor_t::get_bytes_hashed() const
+{
+    return bytes_hashed;
 }
 
 bool context_monitor_t::inUpdate()
@@ -603,6 +613,7 @@ void context_monitor_t::stop_watcher()
         &context_monitor_t::on_directory_changed);
     watch_clear();
     model_clear();
+    hash_cache.clear();
     started = false;
 }
 
@@ -730,7 +741,7 @@ void context_monitor_t::scan_one_directory(const QString& path)
 
         // Pipes, sockets and devices are never hashed: opening a pipe would block the scan.
         if (entry.isFile() && judge && judge(absolute)) {
-            const QString hash = compute_file_hash(absolute);
+            const QString hash = scanned_file_hash(absolute);
             if (hash.isEmpty())
                 continue;
             if (!is_watched_file(absolute) && !watch_add(absolute, false))
@@ -743,6 +754,41 @@ void context_monitor_t::scan_one_directory(const QString& path)
         if (!QFile::remove(absolute))
             MONITOR_LOG(QStringLiteral("Unable to remove: %1").arg(absolute), 2);
     }
+}
+
+QString context_monitor_t::scanned_file_hash(const QString& path)
+{
+    struct stat info;
+    if (::stat(QFile::encodeName(path).constData(), &info) != 0) {
+        hash_cache.remove(path);
+        return compute_file_hash(path);
+    }
+    file_stamp_t stamp;
+    stamp.size = static_cast<qint64>(info.st_size);
+    stamp.mtime_ns = static_cast<qint64>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
+    stamp.ctime_ns = static_cast<qint64>(info.st_ctim.tv_sec) * 1000000000 + info.st_ctim.tv_nsec;
+    stamp.inode = static_cast<quint64>(info.st_ino);
+    stamp.device = static_cast<quint64>(info.st_dev);
+
+    auto cached = hash_cache.constFind(path);
+    if (cached != hash_cache.cend() && cached->trusted && cached->stamp == stamp)
+        return cached->hash;
+
+    struct timespec now;
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    const qint64 hashing_started_ns = static_cast<qint64>(now.tv_sec) * 1000000000 + now.tv_nsec;
+
+    const QString hash = compute_file_hash(path);
+    bytes_hashed += static_cast<quint64>(stamp.size);
+    if (hash.isEmpty()) {
+        hash_cache.remove(path);
+        return hash;
+    }
+    // A file modified less than the coarsest timestamp granularity (2 s) before hashing began
+    // could be modified again without its times changing: hash it again at the next scan.
+    const bool trusted = hashing_started_ns - stamp.mtime_ns >= racy_window_ns;
+    hash_cache.insert(path, cached_hash_t { stamp, hash, trusted });
+    return hash;
 }
 
 void context_monitor_t::clean_dir_file_removed()
@@ -772,6 +818,12 @@ void context_monitor_t::clean_dir_file_removed()
                 ++it;
             else
                 it = files_with_hash.erase(it);
+        }
+        for (auto it = hash_cache.begin(); it != hash_cache.end();) {
+            if (watched_file_set.contains(it.key()))
+                ++it;
+            else
+                it = hash_cache.erase(it);
         }
         for (qsizetype i = file_to_send_list.size() - 1; i >= 0; --i) {
             if (!QFileInfo::exists(file_to_send_list.at(i)))

@@ -70,6 +70,9 @@ public:
     QString get_names_hash() const;
     QString get_content_hash() const;
     bool isStarted() const;
+    // Bytes read to hash files during scans since construction (a rescan reuses the hash of a
+    // file whose size, times and inode did not change).
+    quint64 get_bytes_hashed() const;
 
     // Busy flag: true from the first change of a debounce period until somebody asks after the
     // timer fired (the flag is cleared lazily, and in_update_change(false) is emitted then, on the
@@ -157,6 +160,7 @@ private:
     void watch_clear();
     void sync_watch_sets();
     void scan_one_directory(const QString& path);
+    QString scanned_file_hash(const QString& path);
 
     QHash<QString, file_validator_t> directory_validators;
     // Serialises the slots that touch the pending set and the file maps.
@@ -186,6 +190,29 @@ private:
     // copy the watcher's lists for every entry.
     QSet<QString> watched_dir_set;
     QSet<QString> watched_file_set;
+    // What a file looked like when it was last hashed by a scan. The hash is reused only when
+    // nothing changed and the file had not been modified just before it was hashed (a change
+    // within the file system's timestamp granularity could otherwise go unseen).
+    struct file_stamp_t {
+        qint64 size = -1;
+        qint64 mtime_ns = 0;
+        qint64 ctime_ns = 0;
+        quint64 inode = 0;
+        quint64 device = 0;
+        bool operator==(const file_stamp_t& other) const
+        {
+            return size == other.size && mtime_ns == other.mtime_ns && ctime_ns == other.ctime_ns
+                && inode == other.inode && device == other.device;
+        }
+    };
+    struct cached_hash_t {
+        file_stamp_t stamp;
+        QString hash;
+        bool trusted = false;
+    };
+    // Only the scans touch it, on the monitor's thread.
+    QHash<QString, cached_hash_t> hash_cache;
+    std::atomic<quint64> bytes_hashed { 0 };
     // Depth of scan_directory_recursive, so that the watch sets are refreshed once per scan.
     int scan_depth = 0;
 };

@@ -870,3 +870,54 @@ TEST(ContextMonitorWatch, GettersFromAnotherThreadDuringRescansSeeWholeValues)
     EXPECT_EQ(bad.load(), 0);
     EXPECT_EQ(f.monitor.getFileSync().size(), 20 + 15 - 3);
 }
+
+TEST(ContextMonitorWatch, RescanHashesOnlyWhatChanged)
+{
+    temp_tree_t tree;
+    qint64 old_bytes = 0;
+    for (quint32 i = 0; i < 4; ++i) {
+        const QString rel = QStringLiteral("background/old_%1.png").arg(i);
+        old_bytes += put_image(tree, rel, 700 + i).size();
+        // Last modified long ago: a hash taken now stays good while nothing changes.
+        QFile file(tree.path(rel));
+        ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+        ASSERT_TRUE(file.setFileTime(
+            QDateTime::currentDateTime().addSecs(-3600), QFileDevice::FileModificationTime));
+    }
+    fixture_t f(tree);
+    f.monitor.start_watcher();
+    EXPECT_EQ(f.monitor.get_bytes_hashed(), static_cast<quint64>(old_bytes));
+
+    const QByteArray added = put_image(tree, "background/added.png", 800);
+    EXPECT_EQ(f.next_diff(), QJsonObject({ { "new", QJsonArray { "background/added.png" } } }));
+    EXPECT_EQ(f.monitor.get_bytes_hashed(), static_cast<quint64>(old_bytes + added.size()));
+    EXPECT_EQ(f.monitor.getFileSync().size(), 5);
+}
+
+TEST(ContextMonitorWatch, SameSizeRewriteWithTheOldModificationTimeIsStillNoticed)
+{
+    temp_tree_t tree;
+    const QByteArray original = put_image(tree, "background/a.png", 900);
+    QFile probe(tree.path("background/a.png"));
+    ASSERT_TRUE(probe.open(QIODevice::ReadOnly));
+    const QDateTime mtime = probe.fileTime(QFileDevice::FileModificationTime);
+    probe.close();
+
+    fixture_t f(tree);
+    f.monitor.start_watcher();
+    const QString before = f.monitor.getFileWithHashSync().value("background/a.png");
+    ASSERT_EQ(before, md5_hex(original));
+
+    // Same size, one byte different (inside the compressed pixels: the header stays valid), and
+    // the modification time put back as if the file system had not ticked.
+    QByteArray changed = original;
+    changed[changed.size() - 20] = static_cast<char>(changed.at(changed.size() - 20) ^ 0x55);
+    {
+        QFile file(tree.path("background/a.png"));
+        ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+        ASSERT_EQ(file.write(changed), changed.size());
+        ASSERT_TRUE(file.setFileTime(mtime, QFileDevice::FileModificationTime));
+    }
+    EXPECT_TRUE(f.monitor.scan_directories({ tree.path("background/") }));
+    EXPECT_EQ(f.monitor.getFileWithHashSync().value("background/a.png"), md5_hex(changed));
+}
