@@ -14,6 +14,7 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRegularExpression>
@@ -275,6 +276,34 @@ TEST_F(ServerFixture, SigtermStopsWithExitCodeZeroAndAFlushedLog)
 
     // The service left cleanly: its retained status says so.
     EXPECT_TRUE(rr_test::wait_until([&] { return client->statuses.last() == "offline"; }));
+}
+
+TEST_F(ServerFixture, SigtermDuringADownloadStopsTheSenderAndExitsZero)
+{
+    put_image(QStringLiteral("background/one.png"), kPngFixture);
+    auto client = make_client(QStringLiteral("e2e-downloader"));
+    server_process_t server;
+    start_server(server, server_arguments());
+    ASSERT_TRUE(rr_test::wait_until([&] { return client->statuses.contains("online"); }));
+
+    // The first chunk arrives and is never acknowledged: the sender waits for it.
+    client->service()->send_request(QStringLiteral("ctx_download_request"),
+        QJsonObject { { "message", QJsonArray { "background/one.png" } } });
+    const int chunk = wait_response(*client, QStringLiteral("ctx_chunk"));
+    ASSERT_GE(chunk, 0) << server.output().toStdString();
+    EXPECT_EQ(client->responses.at(chunk).payload.value("file").toString(),
+        QStringLiteral("background/one.png"));
+
+    server.signal(SIGTERM);
+    ASSERT_TRUE(server.wait_finished(20000)) << server.output().toStdString();
+    EXPECT_EQ(server.exit_status(), QProcess::NormalExit);
+    EXPECT_EQ(server.exit_code(), 0);
+    const QString log = QString::fromUtf8(read_file(log_file()));
+    // Stopped by the shutdown, not abandoned to its acknowledgement time-out.
+    EXPECT_TRUE(log.contains(QStringLiteral("Stop transfer for client id: e2e-downloader")))
+        << log.toStdString();
+    EXPECT_FALSE(log.contains(QStringLiteral("[Transfer file terminated] Timeout ack")));
+    EXPECT_TRUE(log.trimmed().endsWith(QStringLiteral("context_sync_server stopped")));
 }
 
 TEST_F(ServerFixture, SigintStopsWithExitCodeZero)
