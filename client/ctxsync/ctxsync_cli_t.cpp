@@ -661,6 +661,18 @@ int ctxsync_cli_t::cmd_watch()
             else
                 out(QStringLiteral("%1 service %2").arg(time, status));
         });
+    // The connection comes back by itself (and the requests below are not repeated: the next
+    // change of the tree brings the list).
+    QObject::connect(
+        connection_.get(), &client_connection_t::connection_lost, connection_.get(), [this] {
+            const QString time = QDateTime::currentDateTime().toString(Qt::ISODateWithMs);
+            if (json_)
+                out_json({ { QStringLiteral("time"), time },
+                    { QStringLiteral("type"), QStringLiteral("connection_lost") } });
+            else
+                out(QStringLiteral("%1 connection to %2 lost, reconnecting")
+                        .arg(time, connection_->brokerText()));
+        });
     connection_->send(state_of_service, {});
     connection_->send(packet_t::ctx_request.ToString(), {});
     connection_->wait_until([] { return g_stop_requested != 0; }, std::numeric_limits<int>::max());

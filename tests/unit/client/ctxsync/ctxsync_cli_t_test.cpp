@@ -9,6 +9,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QProcess>
 
 #include <cstdio>
 
@@ -111,6 +112,40 @@ TEST(ctxsync_cli_t, NoServerIsATimeOut)
             QStringLiteral("--timeout"), QStringLiteral("0.5"), QStringLiteral("list") });
     EXPECT_EQ(result.code, ctxsync_cli_t::exit_timeout);
     EXPECT_EQ(result.err, QStringLiteral("ctxsync: no file list from the server within 500 ms\n"));
+}
+
+TEST(ctxsync_cli_t, CredentialsAreGivenToTheBroker)
+{
+    test_support::mosquitto_broker_t broker;
+    const QString passwd = broker.work_dir() + QStringLiteral("/users.passwd");
+    ASSERT_EQ(QProcess::execute(QStringLiteral("mosquitto_passwd"),
+                  { QStringLiteral("-c"), QStringLiteral("-b"), passwd, QStringLiteral("alice"),
+                      QStringLiteral("alice-pw") }),
+        0);
+    test_support::mosquitto_broker_t::config_t config;
+    config.allow_anonymous = false;
+    config.global = { QStringLiteral("per_listener_settings false"),
+        QStringLiteral("password_file %1").arg(passwd) };
+    ASSERT_TRUE(broker.start(config));
+    const QStringList common { QStringLiteral("--broker"),
+        QStringLiteral("%1:%2").arg(broker.host()).arg(broker.port()), QStringLiteral("--timeout"),
+        QStringLiteral("0.5") };
+    // Without the password the broker refuses the connection; with it, the connection is made and
+    // only the (absent) server keeps the command from succeeding.
+    EXPECT_EQ(
+        run(common + QStringList { QStringLiteral("list") }).code, ctxsync_cli_t::exit_no_broker);
+    EXPECT_EQ(
+        run(common
+            + QStringList { QStringLiteral("--username"), QStringLiteral("alice"),
+                QStringLiteral("--password"), QStringLiteral("wrong"), QStringLiteral("list") })
+            .code,
+        ctxsync_cli_t::exit_no_broker);
+    EXPECT_EQ(
+        run(common
+            + QStringList { QStringLiteral("--username"), QStringLiteral("alice"),
+                QStringLiteral("--password"), QStringLiteral("alice-pw"), QStringLiteral("list") })
+            .code,
+        ctxsync_cli_t::exit_timeout);
 }
 
 TEST(ctxsync_cli_t, InspectImageAgreesWithTheValidator)
