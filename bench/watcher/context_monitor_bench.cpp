@@ -255,8 +255,8 @@ BENCHMARK(BM_InitialScanVsMd5sum)
     ->Unit(benchmark::kMillisecond);
 
 // One image changes among the 5 000; the debounced batch for its directory is processed (without
-// waiting for the timer). Every accepted file of a rescanned directory is hashed again, so the
-// bytes hashed are those of the whole directory, reported as a counter.
+// waiting for the timer): listing and validating the folder, hashing what changed, the diff and
+// the notification. The bytes that the rescan read for hashing are reported as a counter.
 void BM_RescanAfterOneChange(benchmark::State& state)
 {
     const int count = static_cast<int>(state.range(0));
@@ -272,6 +272,7 @@ void BM_RescanAfterOneChange(benchmark::State& state)
 
     context_monitor_t monitor(QStringLiteral("BENCH"), root);
     monitor.start_watcher();
+    quint64 hashed = 0;
     quint32 seed = 1000000;
     for (auto _ : state) {
         state.PauseTiming();
@@ -280,22 +281,26 @@ void BM_RescanAfterOneChange(benchmark::State& state)
             if (f.open(QIODevice::WriteOnly | QIODevice::Truncate))
                 f.write(test_support::make_background_png(++seed));
         }
+        const quint64 before = monitor.get_bytes_hashed();
         state.ResumeTiming();
         monitor.on_directory_changed(background);
         monitor.on_timeout_debounced();
         state.PauseTiming();
+        hashed += monitor.get_bytes_hashed() - before;
         emit monitor.debounce_timer_stop();
         state.ResumeTiming();
     }
     monitor.stop_watcher();
     {
+        // The images are shared with other roots through hard links: put the original back.
         QFile f(changed);
         if (f.open(QIODevice::WriteOnly | QIODevice::Truncate))
             f.write(original);
     }
-    state.counters["files_hashed"] = files.size();
-    state.counters["MB_hashed"] = static_cast<double>(total_bytes) / (1024.0 * 1024.0);
-    state.SetBytesProcessed(state.iterations() * total_bytes);
+    state.counters["files_in_dir"] = files.size();
+    state.counters["MB_in_dir"] = static_cast<double>(total_bytes) / (1024.0 * 1024.0);
+    state.counters["bytes_hashed"]
+        = static_cast<double>(hashed) / static_cast<double>(state.iterations());
 }
 BENCHMARK(BM_RescanAfterOneChange)->Arg(5000)->Iterations(5)->Unit(benchmark::kMillisecond);
 
