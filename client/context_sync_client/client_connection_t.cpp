@@ -79,9 +79,7 @@ bool client_connection_t::open(int timeout_ms, QString* error)
 {
     if (!service_) {
         if (error)
-            *error = QStringLiteral("client id \"%1\" refused: use 1 to 64 characters of "
-                                    "A-Z a-z 0-9 . _ -")
-                         .arg(client_id_);
+            *error = QStringLiteral("the MQTT connection could not be set up");
         return false;
     }
     if (!comunication::config::mosquittocnf_t::isValidClientId(client_id_)) {
