@@ -14,10 +14,10 @@ log_capture_t::log_capture_t()
 {
     if (classlogs* logs = classlogs::getInstance()) {
         logs->flush();  // lines logged before the capture existed are not ours
-        listener_id_ = logs->add_listener([this](const log_record_t& record) {
-            std::lock_guard lock(mutex_);
-            records_.append(record);
-            changed_.notify_all();
+        listener_id_ = logs->add_listener([state = state_](const log_record_t& record) {
+            std::lock_guard lock(state->mutex);
+            state->records.append(record);
+            state->changed.notify_all();
         });
     }
 }
@@ -37,8 +37,8 @@ void log_capture_t::sync()
 QList<log_record_t> log_capture_t::records()
 {
     sync();
-    std::lock_guard lock(mutex_);
-    return records_;
+    std::lock_guard lock(state_->mutex);
+    return state_->records;
 }
 
 QStringList log_capture_t::messages(int level)
@@ -72,9 +72,9 @@ bool log_capture_t::contains_fragment(const QString& fragment, int level)
     return false;
 }
 
-bool log_capture_t::matches_locked(const QString& message, int level) const
+bool log_capture_t::matches_locked(const state_t& state, const QString& message, int level)
 {
-    for (const log_record_t& record : records_)
+    for (const log_record_t& record : state.records)
         if (record.message == message && (level < 0 || record.level == level))
             return true;
     return false;
@@ -86,11 +86,11 @@ bool log_capture_t::wait_for(const QString& message, int level, std::chrono::mil
     QDeadlineTimer deadline(timeout);
     for (;;) {
         {
-            std::unique_lock lock(mutex_);
-            if (matches_locked(message, level))
+            std::unique_lock lock(state_->mutex);
+            if (matches_locked(*state_, message, level))
                 return true;
-            changed_.wait_for(lock, std::chrono::milliseconds(10));
-            if (matches_locked(message, level))
+            state_->changed.wait_for(lock, std::chrono::milliseconds(10));
+            if (matches_locked(*state_, message, level))
                 return true;
         }
         if (deadline.hasExpired())
@@ -102,8 +102,8 @@ bool log_capture_t::wait_for(const QString& message, int level, std::chrono::mil
 void log_capture_t::clear()
 {
     sync();
-    std::lock_guard lock(mutex_);
-    records_.clear();
+    std::lock_guard lock(state_->mutex);
+    state_->records.clear();
 }
 
 }  // namespace test_support

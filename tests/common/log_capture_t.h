@@ -10,6 +10,7 @@
 #include <QString>
 
 #include <chrono>
+#include <memory>
 #include <condition_variable>
 #include <mutex>
 
@@ -41,12 +42,17 @@ public:
 
 private:
     void sync();
-    bool matches_locked(const QString& message, int level) const;
+    // Shared with the listener, which runs on the log writer thread: the state lives on the heap
+    // so that it never depends on where the capture itself was constructed.
+    struct state_t {
+        std::mutex mutex;
+        std::condition_variable changed;
+        QList<utility::logs::log_record_t> records;
+    };
+    static bool matches_locked(const state_t& state, const QString& message, int level);
 
+    std::shared_ptr<state_t> state_ = std::make_shared<state_t>();
     int listener_id_ = 0;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    QList<utility::logs::log_record_t> records_;
 };
 
 }  // namespace test_support
