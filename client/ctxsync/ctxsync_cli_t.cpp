@@ -119,6 +119,15 @@ void ctxsync_cli_t::out_json(const QJsonObject& document)
     out(QString::fromUtf8(QJsonDocument(document).toJson(QJsonDocument::Compact)));
 }
 
+int ctxsync_cli_t::fail(int code, const QString& message)
+{
+    err(message);
+    // Scripts reading the JSON output get a document in every case.
+    if (json_)
+        out_json({ { QStringLiteral("error"), message }, { QStringLiteral("exit_code"), code } });
+    return code;
+}
+
 bool ctxsync_cli_t::progress_enabled() const
 {
     return !json_ && progress_line_t::is_terminal(out_);
@@ -287,9 +296,9 @@ int ctxsync_cli_t::connect_server()
     connection_ = std::make_unique<client_connection_t>(settings_);
     QString error;
     if (!connection_->open(timeout_ms_, &error)) {
-        err(QStringLiteral("cannot connect: %1").arg(error));
         connection_.reset();
-        return error.startsWith(QLatin1String("client id")) ? exit_usage : exit_no_broker;
+        return fail(error.startsWith(QLatin1String("client id")) ? exit_usage : exit_no_broker,
+            QStringLiteral("cannot connect: %1").arg(error));
     }
     return exit_ok;
 }
@@ -300,8 +309,7 @@ int ctxsync_cli_t::cmd_list()
     file_map_t server;
     QString error;
     if (!tree.fetch_list(timeout_ms_, &server, &error)) {
-        err(error);
-        return exit_timeout;
+        return fail(exit_timeout, error);
     }
     const QString hash = context_tree_t::cumulative_hash(server);
     if (json_) {
@@ -326,8 +334,7 @@ int ctxsync_cli_t::cmd_status()
     file_map_t server;
     QString error;
     if (!tree.fetch_list(timeout_ms_, &server, &error)) {
-        err(error);
-        return exit_timeout;
+        return fail(exit_timeout, error);
     }
     const file_map_t local = context_tree_t::scan_local(dir);
     const context_tree_t::comparison_t diff = context_tree_t::compare(local, server);
@@ -370,8 +377,7 @@ int ctxsync_cli_t::cmd_pull()
     file_map_t server;
     QString error;
     if (!tree.fetch_list(timeout_ms_, &server, &error)) {
-        err(error);
-        return exit_timeout;
+        return fail(exit_timeout, error);
     }
     const context_tree_t::comparison_t diff
         = context_tree_t::compare(context_tree_t::scan_local(dir), server);

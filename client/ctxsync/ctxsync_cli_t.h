@@ -57,6 +57,9 @@ private:
     void out(const QString& line);
     void err(const QString& line);
     void out_json(const QJsonObject& document);
+    // Reports a failure of the whole command (also as {"error", "exit_code"} with --json) and
+    // returns `code`.
+    int fail(int code, const QString& message);
     bool progress_enabled() const;
 
     std::FILE* out_;

@@ -112,6 +112,13 @@ TEST(ctxsync_cli_t, NoServerIsATimeOut)
             QStringLiteral("--timeout"), QStringLiteral("0.5"), QStringLiteral("list") });
     EXPECT_EQ(result.code, ctxsync_cli_t::exit_timeout);
     EXPECT_EQ(result.err, QStringLiteral("ctxsync: no file list from the server within 500 ms\n"));
+    const run_t json = run({ QStringLiteral("--json"), QStringLiteral("--broker"),
+        QStringLiteral("%1:%2").arg(broker.host()).arg(broker.port()), QStringLiteral("--timeout"),
+        QStringLiteral("0.5"), QStringLiteral("status"), QDir::tempPath() });
+    EXPECT_EQ(json.code, ctxsync_cli_t::exit_timeout);
+    EXPECT_EQ(json.out,
+        QStringLiteral(
+            "{\"error\":\"no file list from the server within 500 ms\",\"exit_code\":4}\n"));
 }
 
 TEST(ctxsync_cli_t, CredentialsAreGivenToTheBroker)
