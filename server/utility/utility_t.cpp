@@ -133,15 +133,21 @@ QJsonValue get_value(const QJsonValue& root, const QString& path)
     return get_value(found, rest);
 }
 
+// Most nulls that one write may add in front of a new array element.
+constexpr qsizetype kMaxArrayGap = 4096;
+
 // Stores `value` under `token` in `node`, turning `node` into the container the token needs:
 // a bracketed index needs an array; a key needs an object unless `node` already is an array, in
-// which case the key is read as an index. Gaps before a new array index are filled with null.
+// which case the key is read as an index. Gaps before a new array index are filled with null, up
+// to kMaxArrayGap of them; an index farther out is refused like a negative one.
 void set_child(QJsonValue& node, const path_token_t& token, const QJsonValue& value)
 {
     if (node.isArray() || token.bracketed) {
         QJsonArray array = node.toArray();
         const int index = token_index(token);
-        if (index < 0) {
+        // An index far past the end would fill the gap with millions of nulls (a path such as
+        // "list[2000000000]" exhausts memory); no document we read has arrays anywhere near that.
+        if (index < 0 || index - array.size() > kMaxArrayGap) {
             UTILITY_LOG(QStringLiteral("Wrong index: %1")
                             .arg(token.bracketed ? QString::number(token.index) : token.key),
                 3);

@@ -61,6 +61,7 @@ public:
     static QJsonValue getJsonValue(QJsonValue& root, const QString& path);
     static QJsonValue getJsonObjValue(const QJsonObject& object, const QString& path);
     // Writes `value` at the path, creating missing containers; a null value removes the entry.
+    // An array index more than 4096 past the array's end is refused (level 3, "Wrong index: n").
     static void updateJsonValue(QJsonValue& root, const QString& path, const QJsonValue& value);
     static void updateJsonValue(
         QJsonDocument& document, const QString& path, const QJsonValue& value);

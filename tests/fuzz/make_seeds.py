@@ -150,6 +150,9 @@ def json_path():
     write(t, "array_root", "[0]/1\n3\n[[1,2],[3]]")
     write(t, "bad_bracket", "global/list[x\n1\n" + doc)
     write(t, "gap_index", "global/list[6]\n1\n" + doc)
+    # Found by this target: a write far past an array's end once filled the gap until memory ran
+    # out.
+    write(t, "regression_far_index", "a[200000000]\n1\n{}")
 
 
 def client_path():
