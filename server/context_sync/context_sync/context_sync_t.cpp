@@ -637,11 +637,12 @@ void context_sync_t::create_file_sender(const QString& _client, const QJsonArray
     }
 
     QMutexLocker locker(&senders_lock);
+    // With ten senders alive any further request is ignored without a word, even one from a
+    // client that already has a sender.
+    if (file_senders.size() > 9)
+        return;
     QPointer<file_sender_t> sender = file_senders.value(_client);
     if (!sender) {
-        // The eleventh simultaneous client is ignored without a word.
-        if (file_senders.size() > 9)
-            return;
         SERVICE_LOG(QStringLiteral("Create a new file_sender for %1 ...").arg(_client), 6);
         auto* thread = new QThread();
         thread->start(QThread::InheritPriority);
@@ -685,16 +686,6 @@ void context_sync_t::receive_file_ack(const QString& _client, const QJsonObject&
     file_sender_t* target = sender.data();
     QMetaObject::invokeMethod(
         target, [target, _ack] { target->ackReceiver(_ack); }, Qt::QueuedConnection);
-}
-
-void context_sync_t::end_sender(QPointer<file_sender_t> _sender)
-{
-    if (!_sender)
-        return;
-    file_sender_t* target = _sender.data();
-    QMetaObject::invokeMethod(target, &file_sender_t::stop, Qt::BlockingQueuedConnection);
-    SERVICE_LOG(QStringLiteral("Try to delete instance %1").arg(_sender->objectName()), 6);
-    utility::thread_object_t::deleteInstance<file_sender_t>(_sender, true);
 }
 
 void context_sync_t::stopping_file_sender(const QString& _client)

@@ -153,8 +153,6 @@ private:
     QString service_label() const;
     // Sets both sender intervals from the number of senders in the table.
     void update_pacing();
-    // Stops and deletes one sender that has already been taken out of the table.
-    void end_sender(QPointer<file_sender_t> _sender);
     // True when a relay was emitted by a sender that is no longer the client's current one (a
     // queued signal of a sender that has been replaced since).
     bool from_replaced_sender(const QString& _client) const;

@@ -108,7 +108,9 @@ TEST(ContextSyncRequests, ListRequestWhileTheMonitorUpdatesIsNotAnswered)
     ASSERT_TRUE(f.host.tree().write(
         QStringLiteral("background/new.png"), service_test::background_image(5000, 9)));
     ASSERT_TRUE(log.wait_for(QStringLiteral("Directory change ..."), 6));
-    ASSERT_TRUE(context_sync_test_peer_t::monitor(*f.host.service()).inUpdate());
+    // The debounce starts right after the line above, on the service thread.
+    ASSERT_TRUE(wait_until(
+        [&] { return context_sync_test_peer_t::monitor(*f.host.service()).inUpdate(); }, 900));
     f.a->send(QStringLiteral("ctx_request"), QJsonObject());
     ASSERT_TRUE(log.wait_for(
         QStringLiteral("[context_sync] Incoming request ctx_request from client a"), 6));

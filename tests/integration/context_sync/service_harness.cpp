@@ -9,6 +9,15 @@
 #include <QFile>
 #include <QJsonDocument>
 
+#if defined(__SANITIZE_THREAD__)
+// The broker fixture starts mosquitto with fork() while the process already runs threads (the log
+// writer, the connections); the child only execs, which the race detector must be told to allow.
+extern "C" const char* __tsan_default_options()
+{
+    return "die_after_fork=0";
+}
+#endif
+
 namespace service_test {
 
 using comunication::protoserver_t;

@@ -1,0 +1,99 @@
+// utility::thread_object_t::deleteInstance: an object with a thread of its own is deleted on that
+// thread, and the thread is quit, awaited and deleted in turn.
+
+#include "utility/thread_object_t.h"
+
+#include "common/log_capture_t.h"
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QPointer>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+namespace {
+
+bool wait_until(const std::function<bool()>& done, int timeout_ms = 5000)
+{
+    QDeadlineTimer deadline(timeout_ms);
+    while (!done()) {
+        if (deadline.hasExpired())
+            return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        // No event loop runs on the test's thread: deferred deletions are delivered by hand,
+        // as a returning event loop would.
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        QThread::msleep(2);
+    }
+    return true;
+}
+
+std::atomic<QThread*> deleted_on { nullptr };
+
+} // namespace
+
+TEST(ThreadObject, DeleteInstanceDeletesTheObjectOnItsThreadAndEndsTheThread)
+{
+    test_support::log_capture_t log;
+    auto* thread = new QThread();
+    thread->start();
+    auto* object = new QObject();
+    object->setObjectName(QStringLiteral("worker"));
+    object->moveToThread(thread);
+    // No captures: the slot object is handed to the other thread by Qt, whose own locking the
+    // race detector cannot see.
+    deleted_on = nullptr;
+    QObject::connect(
+        object, &QObject::destroyed, object, [] { deleted_on = QThread::currentThread(); },
+        Qt::DirectConnection);
+    QPointer<QThread> guarded_thread(thread);
+
+    utility::thread_object_t::deleteInstance(QPointer<QObject>(object), true);
+
+    // wait = true: the object is gone and the thread has finished when the call returns.
+    EXPECT_EQ(deleted_on.load(), thread);
+    EXPECT_TRUE(thread->isFinished());
+    EXPECT_TRUE(log.contains(QStringLiteral("Instance of worker destroyed"), 6));
+    // The thread object itself goes on the next turn of this thread's event loop.
+    EXPECT_TRUE(wait_until([&] { return guarded_thread.isNull(); }));
+}
+
+TEST(ThreadObject, WithoutWaitTheThreadIsDeletedOnceFinished)
+{
+    auto* thread = new QThread();
+    thread->start();
+    auto* object = new QObject();
+    object->moveToThread(thread);
+    QPointer<QObject> guarded(object);
+    QPointer<QThread> guarded_thread(thread);
+
+    utility::thread_object_t::deleteInstance(guarded, false);
+
+    EXPECT_TRUE(wait_until([&] { return guarded_thread.isNull(); }));
+    EXPECT_TRUE(guarded.isNull());
+}
+
+TEST(ThreadObject, AnObjectOnTheCallersThreadLeavesTheThreadRunning)
+{
+    test_support::log_capture_t log;
+    auto* object = new QObject();
+    object->setObjectName(QStringLiteral("local"));
+    QPointer<QObject> guarded(object);
+
+    utility::thread_object_t::deleteInstance(guarded, true);
+
+    EXPECT_FALSE(guarded.isNull()); // deleted later, not at once
+    EXPECT_TRUE(wait_until([&] { return guarded.isNull(); }));
+    EXPECT_TRUE(QThread::currentThread()->isRunning());
+    EXPECT_TRUE(log.contains(QStringLiteral("Instance of local destroyed"), 6));
+}
+
+TEST(ThreadObject, ANullPointerDoesNothing)
+{
+    test_support::log_capture_t log;
+    utility::thread_object_t::deleteInstance(QPointer<QObject>(), true);
+    EXPECT_TRUE(log.records().isEmpty());
+}
