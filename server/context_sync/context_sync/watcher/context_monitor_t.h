@@ -9,9 +9,14 @@
 // its watcher and its timer run there. The getters and inUpdate() may also be called from other
 // threads; they read a consistent copy under a small internal lock.
 // Owns: the watcher and the debounce timer (members, no parent).
-// Signals: in_update_change when the busy flag flips; tree_updated_files after a scan that changed
-// the tree (or while files still wait to be renamed into place); end_of_check after a debounced
-// check that found nothing to report. debounce_timer_start/stop are internal.
+// Signals: in_update_change when the busy flag flips; tree_updated_files(names hash, content hash,
+// diff) once from start_watcher (every file "new") and after a debounced scan that changed the
+// tree (or while files still wait to be renamed into place); end_of_check after a debounced check
+// that found nothing to report. debounce_timer_start/stop are internal.
+//
+// Links inside the root are never followed: a linked file or folder is removed as a link, so
+// neither a scan nor a deletion reaches outside the root. Pipes, sockets and devices are removed
+// without being opened.
 //
 // The static helpers (paths, hashing, tree differences, copy/move) touch no shared state and are
 // used directly by the file handler, the sender and the receiver.
