@@ -291,3 +291,16 @@ TEST(ContextSyncService, RrServerEventsAreOnlyLogged)
     EXPECT_TRUE(log.wait_for(QStringLiteral("[context_sync] on_update_base"), 6));
     EXPECT_TRUE(log.wait_for(QStringLiteral("[context_sync] on_update_unknon"), 6));
 }
+
+TEST(ContextSyncService, ANullSenderIsNotWired)
+{
+    test_support::log_capture_t log;
+    host_t host;
+    ASSERT_TRUE(host.create());
+    context_sync_t* service = host.service();
+    host.on_service_thread([service] {
+        service->init_event_file_sender(QPointer<context_sync_engine::file_sender_t>(), true);
+    });
+    EXPECT_TRUE(log.contains(
+        QStringLiteral("Unable to connect file sender to event because is nullptr!"), 2));
+}
