@@ -11,6 +11,7 @@
 #include <QEventLoop>
 #include <QFutureWatcher>
 #include <QJsonDocument>
+#include <QLocale>
 #include <QMetaObject>
 #include <QMutexLocker>
 #include <QThread>
@@ -870,7 +871,7 @@ void context_sync_t::on_fs_fileProgressUpdated(
 {
     SERVICE_LOG(QStringLiteral("%1 Progress for client %2 file %3 [%4 %]")
                     .arg(QStringLiteral("on_fs_fileProgressUpdated"), _client, _file,
-                        QString::number(_percent)),
+                        QString::number(_percent, 'g', QLocale::FloatingPointShortest)),
         6);
 }
 

@@ -139,6 +139,11 @@ TEST(ContextSyncDownload, ClientDownloadsATreeAndChecksEveryChunkAndFile)
                                  .arg(tree.path("background/full.png")),
         6));
     EXPECT_TRUE(log.contains(QStringLiteral("Progress for client downloader 100%"), 4));
+    EXPECT_TRUE(log.contains(QStringLiteral("on_fs_fileProgressUpdated Progress for client "
+                                            "downloader file background/two.png [%1 %]")
+                                 .arg(QString::number(double(512000) / double(600000) * 100.0, 'g',
+                                     QLocale::FloatingPointShortest)),
+        6));
     EXPECT_TRUE(log.contains(QStringLiteral("Try to delete instance "), 6));
     EXPECT_TRUE(log.contains(QStringLiteral("Instance of  destroyed"), 6));
     EXPECT_TRUE(log.contains_fragment(
@@ -330,4 +335,22 @@ TEST(ContextSyncDownload, DestroyingTheServiceStopsEverySender)
     EXPECT_TRUE(log.contains(QStringLiteral("Stoppic context sync"), 2));
     EXPECT_TRUE(log.contains(QStringLiteral("Stoppin file sender for client held"), 2));
     EXPECT_TRUE(log.contains(QStringLiteral("Instance of  destroyed"), 6));
+}
+
+TEST(ContextSyncDownload, StoppingAClientWithoutSenderOnlyLogs)
+{
+    test_support::log_capture_t log;
+    host_t host;
+    ASSERT_TRUE(host.create());
+    host.start(true);
+    auto client = host.client(QStringLiteral("nobody"));
+    ASSERT_TRUE(client);
+    settle(300);
+    client->clear();
+
+    ASSERT_TRUE(QMetaObject::invokeMethod(host.service(), "stopping_file_sender",
+        Qt::BlockingQueuedConnection, Q_ARG(QString, QStringLiteral("nobody"))));
+    EXPECT_TRUE(log.contains(QStringLiteral("File sender for client nobody not exist!"), 3));
+    settle(500);
+    EXPECT_TRUE(client->responses.isEmpty());
 }
