@@ -18,4 +18,6 @@ target_sources(orvane_platform PRIVATE
     ${CMAKE_CURRENT_LIST_DIR}/utility/destination_publish_client_t.cpp
     ${CMAKE_CURRENT_LIST_DIR}/utility/rr_topic_t.h
     ${CMAKE_CURRENT_LIST_DIR}/utility/rr_topic_t.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/utility/json_text_t.h
+    ${CMAKE_CURRENT_LIST_DIR}/utility/json_text_t.cpp
 )

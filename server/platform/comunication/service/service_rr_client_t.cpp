@@ -1,6 +1,7 @@
 #include "platform/comunication/service/service_rr_client_t.h"
 
 #include "platform/comunication/protoserver_t.h"
+#include "platform/comunication/utility/json_text_t.h"
 #include "platform/comunication/utility/rr_topic_t.h"
 #include "platform/logs/classlogs.h"
 
@@ -57,7 +58,8 @@ void service_rr_client_t::send_request(const QString& type, const QJsonObject& p
 {
     const QJsonObject body { { QStringLiteral("type"), type },
         { QStringLiteral("payload"), payload } };
-    send_raw_request(QJsonDocument(body).toJson(QJsonDocument::Compact));
+    // Same text as QJsonDocument::toJson(Compact); much cheaper for a chunk's long Base64 data.
+    send_raw_request(utility::json_text_t::compact(body));
 }
 
 void service_rr_client_t::send_raw_request(const QByteArray& body)

@@ -3,6 +3,7 @@
 #include "platform/comunication/config/mosquittocnf_t.h"
 #include "platform/comunication/protoserver_t.h"
 #include "platform/comunication/utility/destination_publish_client_t.h"
+#include "platform/comunication/utility/json_text_t.h"
 #include "platform/comunication/utility/rr_topic_t.h"
 #include "platform/logs/classlogs.h"
 
@@ -141,7 +142,8 @@ void service_rr_server_t::response_to_service(const QString& command, const QStr
     }
     const QJsonObject envelope { { QStringLiteral("type"), command },
         { QStringLiteral("subtype"), state }, { QStringLiteral("payload"), data } };
-    publish(topic, QJsonDocument(envelope).toJson(QJsonDocument::Compact));
+    // Same text as QJsonDocument::toJson(Compact); much cheaper for a chunk's long Base64 data.
+    publish(topic, utility::json_text_t::compact(envelope));
     on_own_thread([this] { response_published(); });
 }
 
