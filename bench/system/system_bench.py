@@ -3,19 +3,28 @@
 its own context root, and ctxsync clients, all on this machine. Prints one table in which every
 figure stands next to a baseline measured in the same run, with the ratio and the goal.
 
-  1 download of one 50 MB file (random, text) with `ctxsync pull` against the protocol ceiling
-    512000 / (level-9 compression + MD5 + Base64 of one chunk + the pacing interval);
-  2 upload of the same files with `ctxsync push` against 512000 / (chunk encode + chunk decode),
-    the two steps that the stop-and-wait upload does one after the other;
-  3 ten clients pulling at once: aggregate throughput against the ceiling of ten paced senders
-    sharing the machine's cores, and fairness (slowest client over fastest);
+  1 download of 50 MB with `ctxsync pull`, random and text content, against the protocol ceiling:
+    512000 bytes over the per-chunk cost of level-9 compression + MD5 + Base64 plus the pacing
+    the server applies. The root keeps only background images of at most 1048576 bytes, so the
+    50 MB are 49 valid 640 x 284 PNGs of 1 024 000 bytes (two whole chunks) whose bulk is an
+    ancillary chunk of random bytes or of text; the ceiling counts the intervals the sender
+    waits per file (one before every chunk, one before a file's first chunk, one between files);
+  2 upload of one 50 MB file with `ctxsync push --force` into background/ (the server takes it in
+    whole, then removes it as too large for a background, and push reports that), against
+    512000 / (chunk encode + chunk decode): the stop-and-wait upload does both in turn;
+  3 ten clients pulling the 50 MB at once: aggregate throughput against the ceiling of ten paced
+    senders, or of the machine's cores doing encode + decode, whichever is lower; and fairness
+    (slowest client over fastest);
   4 first scan of 5 000 background images against md5sum over the same files, and
-  5 the rescan after one of them changes (context_monitor_bench);
-  6 the server's peak resident memory (VmHWM) with 1, 2, 4 and 10 downloads and during a 50 MB
-    upload, against its resident memory at rest;
-  7 latency from a file written into background/ to the ctx_list broadcast reaching a client,
-    against the 1000 ms debounce.
+  5 the rescan after one of them changes, with the bytes it hashed (context_monitor_bench);
+  6 the server's peak resident memory (VmHWM, reset through /proc/PID/clear_refs before each
+    scenario) with 1, 2, 4 and 10 downloads, and its growth during the 50 MB upload against the
+    file's size;
+  7 latency from a file written into background/ to the ctx_list broadcast reaching
+    `ctxsync watch`, against the 1000 ms debounce.
 
+Pull and push times have the fixed part of the command taken off: a pull with nothing to fetch,
+and a push of one small image (connection, the 1.5 s settle and the list that confirms it).
 Generated data lives in --work-dir (default $CONTEXT_SYNC_BENCH_DIR or the temporary folder +
 /context_sync_bench_system) and is reused by later runs. Everything listens on 127.0.0.1 only.
 Run through bench/run, which builds the programs first.
@@ -198,6 +207,9 @@ class broker_t:
 
 
 class server_t:
+    # More arguments for the server program (for example a log level while profiling).
+    extra = []
+
     def __init__(self, program, ctxsync, work, root, broker_port):
         self.ctxsync = ctxsync
         self.port = broker_port
@@ -212,7 +224,7 @@ class server_t:
         self.out = open(os.path.join(work, "server.out"), "wb")
         self.process = subprocess.Popen(
             [program, "--root", root, "--config", settings, "--state-dir", state,
-             "--broker", f"127.0.0.1:{broker_port}"],
+             "--broker", f"127.0.0.1:{broker_port}"] + self.extra,
             stdout=self.out, stderr=subprocess.STDOUT)
         self.pid = self.process.pid
         deadline = time.monotonic() + 60
