@@ -69,7 +69,7 @@ QString cumulative_hash(const QJsonObject& files)
 
 // One server set-up: a broker, a context root with a state folder beside it, and a settings file
 // (file mode) that points the server at the broker.
-class ServerFixture : public ::testing::Test {
+class ContextSyncServer : public ::testing::Test {
 protected:
     void SetUp() override
     {
@@ -183,7 +183,7 @@ QStringList files_below(const test_support::temp_tree_t& tree, const QString& re
 
 } // namespace
 
-TEST_F(ServerFixture, StartPublishesRetainedStatusAndStateOfServiceWithCumulativeHash)
+TEST_F(ContextSyncServer, StartPublishesRetainedStatusAndStateOfServiceWithCumulativeHash)
 {
     put_image(QStringLiteral("background/one.png"), kPngFixture);
     put_image(QStringLiteral("background/two.jpg"), kJpegFixture);
@@ -219,7 +219,7 @@ TEST_F(ServerFixture, StartPublishesRetainedStatusAndStateOfServiceWithCumulativ
         << id.toStdString();
 }
 
-TEST_F(ServerFixture, AnswersAContextRequestWithTheFileListToTheRequesterAlone)
+TEST_F(ContextSyncServer, AnswersAContextRequestWithTheFileListToTheRequesterAlone)
 {
     put_image(QStringLiteral("background/one.png"), kPngFixture);
     put_image(QStringLiteral("background/two.jpg"), kJpegFixture);
@@ -253,7 +253,7 @@ TEST_F(ServerFixture, AnswersAContextRequestWithTheFileListToTheRequesterAlone)
         EXPECT_TRUE(response.broadcast) << response.type.toStdString();
 }
 
-TEST_F(ServerFixture, SigtermStopsWithExitCodeZeroAndAFlushedLog)
+TEST_F(ContextSyncServer, SigtermStopsWithExitCodeZeroAndAFlushedLog)
 {
     auto client = make_client(QStringLiteral("e2e-watch"));
     server_process_t server;
@@ -278,7 +278,7 @@ TEST_F(ServerFixture, SigtermStopsWithExitCodeZeroAndAFlushedLog)
     EXPECT_TRUE(rr_test::wait_until([&] { return client->statuses.last() == "offline"; }));
 }
 
-TEST_F(ServerFixture, SigtermDuringADownloadStopsTheSenderAndExitsZero)
+TEST_F(ContextSyncServer, SigtermDuringADownloadStopsTheSenderAndExitsZero)
 {
     put_image(QStringLiteral("background/one.png"), kPngFixture);
     auto client = make_client(QStringLiteral("e2e-downloader"));
@@ -306,7 +306,7 @@ TEST_F(ServerFixture, SigtermDuringADownloadStopsTheSenderAndExitsZero)
     EXPECT_TRUE(log.trimmed().endsWith(QStringLiteral("context_sync_server stopped")));
 }
 
-TEST_F(ServerFixture, SigintStopsWithExitCodeZero)
+TEST_F(ContextSyncServer, SigintStopsWithExitCodeZero)
 {
     server_process_t server;
     start_server(server, server_arguments());
@@ -319,7 +319,7 @@ TEST_F(ServerFixture, SigintStopsWithExitCodeZero)
                     .contains(QStringLiteral("context_sync_server stopped")));
 }
 
-TEST_F(ServerFixture, KilledAndRestartedEmptiesTheReceiveFolderAndConverges)
+TEST_F(ContextSyncServer, KilledAndRestartedEmptiesTheReceiveFolderAndConverges)
 {
     put_image(QStringLiteral("background/one.png"), kPngFixture);
     auto client = make_client(QStringLiteral("e2e-survivor"));
@@ -364,7 +364,7 @@ TEST_F(ServerFixture, KilledAndRestartedEmptiesTheReceiveFolderAndConverges)
     EXPECT_TRUE(client->statuses.last() == "online");
 }
 
-TEST_F(ServerFixture, HttpModeTakesItsSettingsFromTheConfigurationServer)
+TEST_F(ContextSyncServer, HttpModeTakesItsSettingsFromTheConfigurationServer)
 {
     test_support::config_http_server_t configuration;
     ASSERT_TRUE(configuration.start(settings_document(broker_.port(), QString())))
@@ -396,7 +396,7 @@ TEST_F(ServerFixture, HttpModeTakesItsSettingsFromTheConfigurationServer)
     EXPECT_EQ(server.exit_code(), 0);
 }
 
-TEST_F(ServerFixture, HttpModeWithoutAnAnsweringServerUsesTheClientFileOfAnEarlierStart)
+TEST_F(ContextSyncServer, HttpModeWithoutAnAnsweringServerUsesTheClientFileOfAnEarlierStart)
 {
     // What an earlier start wrote: the broker's settings in the state folder.
     ASSERT_TRUE(dirs_.write(QStringLiteral("state/config/comunication.json"),
@@ -419,7 +419,7 @@ TEST_F(ServerFixture, HttpModeWithoutAnAnsweringServerUsesTheClientFileOfAnEarli
         << server.output().toStdString();
 }
 
-TEST_F(ServerFixture, HttpModeEndsWithStatusZeroWhenANewInstallationIdCannotBeStored)
+TEST_F(ContextSyncServer, HttpModeEndsWithStatusZeroWhenANewInstallationIdCannotBeStored)
 {
     test_support::config_http_server_t::options_t failing;
     failing.fail_put = true;
