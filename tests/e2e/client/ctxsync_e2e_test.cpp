@@ -205,6 +205,30 @@ TEST_F(ctxsync_session, APushOfAWrongSizedImageIsReportedAsRefused)
             { QStringLiteral("background/bg_640x284.png"), md5(image("bg_640x284.png")) } }));
 }
 
+TEST_F(ctxsync_session, AnImageOfSeveralChunksTravelsBothWaysUnchanged)
+{
+    // 1048576 bytes: three chunks, the largest background the server keeps.
+    const QString name = QStringLiteral("padded_1048576.png");
+    run_t result = run({ QStringLiteral("--json"), QStringLiteral("push"), image_path(name) });
+    ASSERT_EQ(result.code, 0) << result.err.toStdString();
+    const QJsonObject pushed = QJsonDocument::fromJson(result.out.toUtf8())
+                                   .object()
+                                   .value(QStringLiteral("files"))
+                                   .toArray()
+                                   .first()
+                                   .toObject();
+    EXPECT_EQ(pushed.value(QStringLiteral("md5")).toString(), md5(image(name)));
+    EXPECT_EQ(env.root().read(QStringLiteral("background/") + name), image(name));
+
+    test_support::temp_tree_t pulled;
+    result = run({ QStringLiteral("--json"), QStringLiteral("pull"), pulled.root() });
+    ASSERT_EQ(result.code, 0) << result.err.toStdString();
+    const QJsonObject report = QJsonDocument::fromJson(result.out.toUtf8()).object();
+    EXPECT_EQ(report.value(QStringLiteral("bytes")).toInt(), 1048576);
+    EXPECT_TRUE(report.value(QStringLiteral("in_step")).toBool());
+    EXPECT_EQ(pulled.read(QStringLiteral("background/") + name), image(name));
+}
+
 TEST_F(ctxsync_session, APullAfterTheServerWasKilledAndRestartedStillConverges)
 {
     ASSERT_EQ(run({ QStringLiteral("push"), image_path("bg_640x284.png") }).code, 0);
