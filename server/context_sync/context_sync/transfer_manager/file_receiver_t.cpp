@@ -46,6 +46,19 @@ qint64 estimate_bytes(qsizetype chunk_size, int total_chunks)
     return qint64(qint32(product));
 }
 
+// Writes all of `bytes`, going on after a short write: the write that then fails carries the
+// reason (a full disk reports itself only once nothing more fits).
+bool write_all(QFile& file, QByteArrayView bytes)
+{
+    while (!bytes.isEmpty()) {
+        const qint64 written = file.write(bytes.data(), bytes.size());
+        if (written <= 0)
+            return false;
+        bytes = bytes.sliced(written);
+    }
+    return true;
+}
+
 } // namespace
 
 file_receiver_t::file_receiver_t(const QString& _context_path, const QString& _tmp_folder_path,
@@ -227,12 +240,26 @@ bool file_receiver_t::finalizeFile(const QString& _file, QPointer<file_receiver_
         return false;
     }
     ORVANE_LOG(QStringLiteral("Extract to disk ") + _handler->part_path, 6, LOG_SOURCE);
-    for (int i = 0; i < _handler->total_chunks; ++i) {
+    // Every write is checked: on a full or failing disk the part file would otherwise be renamed
+    // into the tree cut short, where a truncated image still passes the header-only validation
+    // and is listed with content that no client sent.
+    bool written = true;
+    for (int i = 0; written && i < _handler->total_chunks; ++i) {
         const auto it = _handler->chunks.find(i);
         if (it == _handler->chunks.end())
             continue;
-        part.write(*it);
+        written = write_all(part, *it);
         _handler->chunks.erase(it);
+    }
+    written = written && part.flush();
+    if (!written) {
+        ORVANE_LOG(
+            QStringLiteral("Unable to write %1: %2").arg(_handler->part_path, part.errorString()),
+            2, LOG_SOURCE);
+        part.close();
+        part.remove();
+        discard_handler(_file);
+        return false;
     }
     part.close();
 

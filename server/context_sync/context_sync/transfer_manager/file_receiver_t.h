@@ -18,7 +18,8 @@
 // log, state untouched): a "file" that is not a safe relative path; for the first chunk of a file,
 // a "total_chunks" that is negative or whose total size exceeds the upload limit, or a file that
 // would exceed the number of files in reception (timed-out receptions are discarded first to make
-// room).
+// room). A file that cannot be written whole to its staging file (a full or failing disk) never
+// reaches the tree: level-2 log, the part file removed, everything held for the file dropped.
 #pragma once
 
 #include "context_sync/context_sync/transfer_manager/file_receiver_handler_t.h"
@@ -52,7 +53,8 @@ public:
     file_receiver_t(const file_receiver_t&) = delete;
     file_receiver_t& operator=(const file_receiver_t&) = delete;
 
-    // Writes the complete file of `_handler` to its staging file and renames it into place.
+    // Writes the complete file of `_handler` to its staging file and renames it into place; false
+    // when the staging file cannot be opened or written whole, or the rename fails.
     bool finalizeFile(const QString& _file, QPointer<file_receiver_handler_t> _handler);
 
     void printProgress();
