@@ -167,6 +167,19 @@ void file_receiver_t::processChunk(const QJsonObject& _data, const QString& _sen
         return;
     }
     QPointer<file_receiver_handler_t> handler = handlers.value(file);
+    if (handler && fields.header.total_chunks != handler->total_chunks) {
+        // Another chunk count is another upload of the path (its earlier sender went away mid-file
+        // and a new one began). Completing with what is held would write a file cut at the old
+        // count, or never complete while every chunk is acknowledged.
+        ORVANE_LOG(QStringLiteral("Discarded stale reception of file %1 (%2 of %3 chunks held): "
+                                  "client %4 announces %5 chunks")
+                       .arg(file, QString::number(handler->chunks.size()),
+                           QString::number(handler->total_chunks), _sender,
+                           QString::number(fields.header.total_chunks)),
+            3, LOG_SOURCE);
+        discard_handler(file);
+        handler = nullptr;
+    }
     if (!handler && !admit_new_file(file, fields.header.total_chunks, _sender))
         return;
 

@@ -18,7 +18,10 @@
 // log, state untouched): a "file" that is not a safe relative path; for the first chunk of a file,
 // a "total_chunks" that is negative or whose total size exceeds the upload limit, or a file that
 // would exceed the number of files in reception (timed-out receptions are discarded first to make
-// room). A file that cannot be written whole to its staging file (a full or failing disk) never
+// room). A chunk whose "total_chunks" differs from the one its file's reception began with starts
+// that file anew (level-3 log): what was held belonged to an upload whose client went away, and
+// completing with it would cut the new file at the old count or never complete it.
+// A file that cannot be written whole to its staging file (a full or failing disk) never
 // reaches the tree: level-2 log, the part file removed, everything held for the file dropped.
 #pragma once
 
