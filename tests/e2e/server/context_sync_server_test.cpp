@@ -517,3 +517,16 @@ TEST(ContextSyncServerCommandLine, UnusableSettingsFileIsAStartFailureWithExitCo
         EXPECT_TRUE(err.contains(row.message)) << err.toStdString();
     }
 }
+
+TEST(ContextSyncServerCommandLine, UncreatableRootIsAStartFailureWithExitCodeOne)
+{
+    test_support::temp_tree_t dirs;
+    ASSERT_TRUE(dirs.write(QStringLiteral("plain_file"), "not a folder"));
+    const QString root = dirs.path(QStringLiteral("plain_file/root"));
+    QString out;
+    QString err;
+    const int code = server_process_t::run({ "--root", root, "--log-level", "2" }, out, err);
+    EXPECT_EQ(code, 1);
+    EXPECT_TRUE(err.contains(QStringLiteral("cannot create the context root %1/").arg(root)))
+        << err.toStdString();
+}
