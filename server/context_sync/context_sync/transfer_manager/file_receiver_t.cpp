@@ -329,7 +329,7 @@ void file_receiver_t::setInDownload(const bool& _value)
     if (_value == in_download)
         return;
     in_download = _value;
-    emit in_download_change(in_download);
+    emit in_download_change(_value);
 }
 
 bool file_receiver_t::inDownload()

@@ -36,6 +36,8 @@
 #include <QString>
 #include <QTimer>
 
+#include <atomic>
+
 namespace context_sync_engine {
 
 class CONTEXT_SYNC_EXPORT file_receiver_t : public QObject {
@@ -108,7 +110,9 @@ private:
 
     QMutex receive_lock;
     QTimer wait_next_file_timer;
-    bool in_download = false;
+    // Read by inDownload() from other threads (the service's idle wait probes it from a pool
+    // worker); written only on the receiver's thread.
+    std::atomic<bool> in_download{false};
     QString client_id;
     QString context_path;
     QString tmp_folder_path;
