@@ -176,6 +176,10 @@ bool protoserver_t::ensure_client()
     mosquitto_int_option(mosq_, MOSQ_OPT_PROTOCOL_VERSION,
         cnf_.getProtocolVersion() == config::mosquittocnf_t::protocol_v311 ? MQTT_PROTOCOL_V311
                                                                            : MQTT_PROTOCOL_V5);
+    // Requests and answers are small packets that wait for each other (a chunk waits for its
+    // acknowledgement): with Nagle's algorithm each one could sit out the peer's delayed ACK,
+    // about 40 ms per packet even on the loopback interface.
+    mosquitto_int_option(mosq_, MOSQ_OPT_TCP_NODELAY, 1);
     mosquitto_connect_callback_set(mosq_, &protoserver_t::on_connect_cb);
     mosquitto_disconnect_callback_set(mosq_, &protoserver_t::on_disconnect_cb);
     mosquitto_message_callback_set(mosq_, &protoserver_t::on_message_cb);
