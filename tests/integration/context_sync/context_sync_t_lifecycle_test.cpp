@@ -4,6 +4,7 @@
 #include "service_harness.h"
 
 #include "common/log_capture_t.h"
+#include "platform/comunication/service/service_rr_base_t.h"
 
 #include <QJsonDocument>
 
@@ -264,6 +265,14 @@ TEST(ContextSyncService, RrServerEventsAreOnlyLogged)
     }
     // A clean goodbye: presence "offline".
     EXPECT_TRUE(log.wait_for(QStringLiteral("[leaving] on_end"), 3));
+
+    // The rr server may already be running before start(true) wires its state signal (it starts
+    // the rr server first), so its own "running" change can come before anyone listens: deliver
+    // a state change explicitly instead of depending on that timing.
+    ASSERT_TRUE(QMetaObject::invokeMethod(
+        host.service(), "on_state_change", Qt::BlockingQueuedConnection,
+        Q_ARG(int, comunication::service::service_rr_base_t::running),
+        Q_ARG(QString, QStringLiteral("context_sync"))));
     EXPECT_TRUE(log.contains(QStringLiteral("Change state to [context_sync] running"), 6));
 
     const auto invoke = [&](const char* slot, const QString& arg) {
