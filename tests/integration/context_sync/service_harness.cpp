@@ -26,27 +26,6 @@ using comunication::service::service_rr_client_t;
 using context_sync_engine::chunk_codec_t;
 using context_sync_engine::context_sync_t;
 
-bool wait_until(const std::function<bool()>& done, int timeout_ms)
-{
-    QDeadlineTimer deadline(timeout_ms);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-        QThread::msleep(2);
-    }
-    return true;
-}
-
-void settle(int ms)
-{
-    QDeadlineTimer deadline(ms);
-    while (!deadline.hasExpired()) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-        QThread::msleep(2);
-    }
-}
-
 comunication::config::mosquittocnf_t settings(
     const test_support::mosquitto_broker_t& broker, const QString& client_id)
 {

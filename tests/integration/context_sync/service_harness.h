@@ -11,6 +11,7 @@
 #include "platform/comunication/service/service_rr_client_t.h"
 #include "platform/database/database_t.h"
 
+#include "common/event_wait.h"
 #include "common/mosquitto_broker_t.h"
 #include "common/temp_tree_t.h"
 
@@ -45,9 +46,11 @@ public:
 namespace service_test {
 
 // Processes the test thread's events until `done` holds or `timeout_ms` passes.
-bool wait_until(const std::function<bool()>& done, int timeout_ms = 10000);
-// Processes events for `ms`, to show that something does NOT happen.
-void settle(int ms);
+inline bool wait_until(const std::function<bool()>& done, int timeout_ms = 10000)
+{
+    return test_support::wait_until(done, timeout_ms);
+}
+using test_support::settle;
 
 comunication::config::mosquittocnf_t settings(
     const test_support::mosquitto_broker_t& broker, const QString& client_id);

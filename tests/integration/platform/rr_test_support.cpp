@@ -11,27 +11,6 @@ using comunication::service::service_rr_base_t;
 using comunication::service::service_rr_client_t;
 using comunication::service::service_rr_server_t;
 
-bool wait_until(const std::function<bool()>& done, int timeout_ms)
-{
-    QDeadlineTimer deadline(timeout_ms);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-        QThread::msleep(5);
-    }
-    return true;
-}
-
-void settle(int ms)
-{
-    QDeadlineTimer deadline(ms);
-    while (!deadline.hasExpired()) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-        QThread::msleep(5);
-    }
-}
-
 comunication::config::mosquittocnf_t settings(
     const test_support::mosquitto_broker_t& broker, const QString& client_id)
 {

@@ -9,6 +9,7 @@
 #include "platform/comunication/service/service_rr_client_t.h"
 #include "platform/comunication/service/service_rr_server_t.h"
 
+#include "common/event_wait.h"
 #include "common/mosquitto_broker_t.h"
 
 #include <QJsonObject>
@@ -21,9 +22,11 @@
 namespace rr_test {
 
 // Processes events until `done` holds or `timeout_ms` passes.
-bool wait_until(const std::function<bool()>& done, int timeout_ms = 5000);
-// Processes events for `ms` (to show that something does NOT happen).
-void settle(int ms);
+inline bool wait_until(const std::function<bool()>& done, int timeout_ms = 5000)
+{
+    return test_support::wait_until(done, timeout_ms);
+}
+using test_support::settle;
 
 comunication::config::mosquittocnf_t settings(
     const test_support::mosquitto_broker_t& broker, const QString& client_id);

@@ -8,18 +8,6 @@
 
 namespace client_test {
 
-bool wait_until(const std::function<bool()>& done, int timeout_ms)
-{
-    const QDeadlineTimer deadline(timeout_ms);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return done();
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-        QThread::msleep(5);
-    }
-    return true;
-}
-
 client_test_env_t::client_test_env_t() = default;
 
 client_test_env_t::~client_test_env_t()

@@ -10,6 +10,7 @@
 #include "context_sync_client/client_connection_t.h"
 #include "context_sync_client/context_tree_t.h"
 
+#include "common/event_wait.h"
 #include "common/mosquitto_broker_t.h"
 #include "common/temp_tree_t.h"
 #include "server_process_t.h"
@@ -21,8 +22,7 @@
 
 namespace client_test {
 
-// Processes events until `done` holds or `timeout_ms` passes.
-bool wait_until(const std::function<bool()>& done, int timeout_ms);
+using test_support::wait_until;
 
 class client_test_env_t {
 public:
