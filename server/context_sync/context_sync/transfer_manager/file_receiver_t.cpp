@@ -100,6 +100,16 @@ QString file_receiver_t::part_path_for(const QString& tmp_folder, const QString&
     return tmp_folder + QStringLiteral("/") + name;
 }
 
+const QString file_receiver_t::ERROR_FILE_BUSY
+    = QStringLiteral("refused: the file is being received from another client");
+
+QJsonObject file_receiver_t::refusal_ack(const QString& _file, const QString& _error)
+{
+    QJsonObject ack = chunk_codec_t::build_ack(_file, -1);
+    ack.insert(QStringLiteral("error"), _error);
+    return ack;
+}
+
 void file_receiver_t::discard_handler(const QString& file)
 {
     QPointer<file_receiver_handler_t> handler = handlers.take(file);
@@ -167,6 +177,26 @@ void file_receiver_t::processChunk(const QJsonObject& _data, const QString& _sen
         return;
     }
     QPointer<file_receiver_handler_t> handler = handlers.value(file);
+    if (handler && handler->owner != _sender) {
+        // Another client's chunks must never go into this reception, nor may a bad chunk of its
+        // discard what the owner has sent. While the owner is alive the newcomer is turned away;
+        // an owner silent for the chunk timeout has gone, and the path is free again.
+        if (handler->chunk_timer && handler->chunk_timer->isActive()) {
+            ORVANE_LOG(QStringLiteral("Refused chunk %1 of file %2 from client %3: the file is "
+                                      "being received from client %4")
+                           .arg(QString::number(index), file, _sender, handler->owner),
+                3, LOG_SOURCE);
+            emit sendChunkAck(file, index, refusal_ack(file, ERROR_FILE_BUSY), _sender);
+            return;
+        }
+        ORVANE_LOG(QStringLiteral("Discarded stalled reception of file %1 from client %2 (%3 of %4 "
+                                  "chunks held): client %5 uploads it anew")
+                       .arg(file, handler->owner, QString::number(handler->chunks.size()),
+                           QString::number(handler->total_chunks), _sender),
+            3, LOG_SOURCE);
+        discard_handler(file);
+        handler = nullptr;
+    }
     if (handler && fields.header.total_chunks != handler->total_chunks) {
         // Another chunk count is another upload of the path (its earlier sender went away mid-file
         // and a new one began). Completing with what is held would write a file cut at the old
@@ -199,6 +229,7 @@ void file_receiver_t::processChunk(const QJsonObject& _data, const QString& _sen
 
     if (!handler) {
         handler = new file_receiver_handler_t();
+        handler->owner = _sender;
         handler->total_chunks = int(fields.header.total_chunks);
         handler->expected_bytes = estimate_bytes(bytes.size(), handler->total_chunks);
         expected_bytes += handler->expected_bytes;

@@ -21,6 +21,11 @@
 // room). A chunk whose "total_chunks" differs from the one its file's reception began with starts
 // that file anew (level-3 log): what was held belonged to an upload whose client went away, and
 // completing with it would cut the new file at the old count or never complete it.
+// A reception belongs to the client that began it. A chunk of another client for that path is
+// refused while the owner's upload is alive (its chunk timer runs): level-3 log and a refusal
+// acknowledgement to that client (see refusal_ack), nothing of either upload touched. Once the
+// owner has been silent for the chunk timeout, the other client's chunk discards what was held
+// (level-3 log) and begins the file anew. Two clients' chunks never mix in one file.
 // A file that cannot be written whole to its staging file (a full or failing disk) never
 // reaches the tree: level-2 log, the part file removed, everything held for the file dropped.
 #pragma once
@@ -87,6 +92,15 @@ public:
     // Name of the staging file of the relative path `_file` below `tmp_folder`.
     static QString part_path_for(const QString& tmp_folder, const QString& _file);
 
+    // Text of the refusal sent to a client whose chunk is for a file that another client is
+    // uploading.
+    static const QString ERROR_FILE_BUSY;
+    // The acknowledgement that tells a client its chunk of `_file` was refused: {"file": _file,
+    // "chunkIndex": -1, "error": _error}. The index matches no chunk, so a client that reads only
+    // "file" and "chunkIndex" ignores it and times out as for any unacknowledged chunk, while one
+    // that reads "error" can stop at once.
+    static QJsonObject refusal_ack(const QString& _file, const QString& _error);
+
 public slots:
     // One chunk payload and the id of the client that sent it.
     void processChunk(const QJsonObject& _data, const QString& _sender);
@@ -112,7 +126,7 @@ private:
     QTimer wait_next_file_timer;
     // Read by inDownload() from other threads (the service's idle wait probes it from a pool
     // worker); written only on the receiver's thread.
-    std::atomic<bool> in_download{false};
+    std::atomic<bool> in_download { false };
     QString client_id;
     QString context_path;
     QString tmp_folder_path;
