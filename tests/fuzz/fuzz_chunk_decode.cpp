@@ -3,6 +3,7 @@
 //   0: the rest is the text of a chunk object; it is parsed and decoded, and the verdict must
 //      agree with the bytes that came out;
 //   1: the rest is a bare payload (its first byte the "compression" value, then the Base64 text);
+//      the codec's Base64 decoder must give exactly what Qt's lenient decoder gives;
 //   2: the rest is raw file bytes, which are built into a chunk (level from the first byte) and
 //      decoded again: the bytes and the header must come back unchanged and the chunk must verify.
 // No decoded payload may ever be larger than a chunk, whatever the framing claims.
@@ -40,6 +41,8 @@ void bare_payload(const QByteArray& input)
         return;
     const int compression = static_cast<signed char>(input.at(0));
     const QString data = QString::fromLatin1(input.constData() + 1, input.size() - 1);
+    FUZZ_CHECK(chunk_codec_t::decode_base64(data)
+        == QByteArray::fromBase64Encoding(data.toUtf8()).decoded);
     const QByteArray bytes = chunk_codec_t::decode_payload(data, compression);
     FUZZ_CHECK(bytes.size() <= chunk_codec_t::CHUNK_SIZE);
 }

@@ -27,6 +27,88 @@ namespace {
 
 constexpr qsizetype FRAME_HEADER_SIZE = 4;
 
+// Set in every table entry of a character outside the alphabet; never set by a valid one.
+constexpr quint32 BASE64_INVALID = 0x80000000u;
+
+// The 6-bit value of each Base64 character, already shifted to its place in a group of four
+// (first character in bits 23..18, last in bits 5..0), so that a group is four lookups OR-ed.
+struct base64_tables_t {
+    quint32 place[4][256];
+};
+
+constexpr base64_tables_t make_base64_tables()
+{
+    base64_tables_t tables {};
+    for (int c = 0; c < 256; ++c) {
+        int value = -1;
+        if (c >= 'A' && c <= 'Z')
+            value = c - 'A';
+        else if (c >= 'a' && c <= 'z')
+            value = c - 'a' + 26;
+        else if (c >= '0' && c <= '9')
+            value = c - '0' + 52;
+        else if (c == '+')
+            value = 62;
+        else if (c == '/')
+            value = 63;
+        for (int place = 0; place < 4; ++place) {
+            tables.place[place][c]
+                = value < 0 ? BASE64_INVALID : quint32(value) << (6 * (3 - place));
+        }
+    }
+    return tables;
+}
+
+constexpr base64_tables_t BASE64 = make_base64_tables();
+
+// Decodes `text` when it is strict Base64: only alphabet characters, then at most two '=' that
+// complete the last group of four, or an unpadded last group of two or three characters. Returns
+// false for anything else, leaving `out` unspecified.
+bool decode_strict_base64(QStringView text, QByteArray& out)
+{
+    const char16_t* in = text.utf16();
+    qsizetype size = text.size();
+    qsizetype padding = 0;
+    if (size % 4 == 0 && size > 0 && in[size - 1] == u'=')
+        padding = in[size - 2] == u'=' ? 2 : 1;
+    size -= padding;
+    const qsizetype tail = size % 4;
+    if (tail == 1)
+        return false;
+    if (padding != 0 && tail + padding != 4)
+        return false;
+    const qsizetype groups = size / 4;
+    out.resize(groups * 3 + (tail == 0 ? 0 : tail - 1));
+    auto* dst = reinterpret_cast<uchar*>(out.data());
+
+    // Errors are collected, not tested per group: a valid text, the case that matters, runs
+    // without branches. Units above 0xFF are caught by their high byte.
+    quint32 invalid = 0;
+    char16_t high = 0;
+    for (qsizetype g = 0; g < groups; ++g, in += 4, dst += 3) {
+        const char16_t c0 = in[0], c1 = in[1], c2 = in[2], c3 = in[3];
+        high |= c0 | c1 | c2 | c3;
+        const quint32 word = BASE64.place[0][c0 & 0xFF] | BASE64.place[1][c1 & 0xFF]
+            | BASE64.place[2][c2 & 0xFF] | BASE64.place[3][c3 & 0xFF];
+        invalid |= word;
+        dst[0] = uchar(word >> 16);
+        dst[1] = uchar(word >> 8);
+        dst[2] = uchar(word);
+    }
+    if (tail != 0) {
+        quint32 word = 0;
+        for (qsizetype i = 0; i < tail; ++i) {
+            high |= in[i];
+            word |= BASE64.place[i][in[i] & 0xFF];
+        }
+        invalid |= word;
+        dst[0] = uchar(word >> 16);
+        if (tail == 3)
+            dst[1] = uchar(word >> 8);
+    }
+    return (invalid & BASE64_INVALID) == 0 && (high & 0xFF00) == 0;
+}
+
 // Inflates the zlib stream that follows the 4-byte length of the qCompress framing. Unlike
 // qUncompress, which keeps doubling its buffer until the stream fits, this never produces more
 // than a chunk can hold, so a small message cannot expand into gigabytes. Trailing bytes after the
@@ -157,10 +239,18 @@ chunk_codec_t::fields_t chunk_codec_t::read_fields(const QJsonObject& chunk)
     return fields;
 }
 
+QByteArray chunk_codec_t::decode_base64(QStringView text)
+{
+    QByteArray out;
+    if (decode_strict_base64(text, out))
+        return out;
+    // Qt's lenient decoder, on an rvalue so that it decodes in the UTF-8 buffer.
+    return QByteArray::fromBase64Encoding(text.toUtf8()).decoded;
+}
+
 QByteArray chunk_codec_t::decode_payload(const QString& data, int compression)
 {
-    // Decoding an rvalue reuses the UTF-8 buffer for the decoded bytes.
-    QByteArray bytes = QByteArray::fromBase64Encoding(data.toUtf8()).decoded;
+    QByteArray bytes = decode_base64(data);
     if (compression == 0)
         return bytes.size() <= CHUNK_SIZE ? bytes : QByteArray();
     QByteArray out;

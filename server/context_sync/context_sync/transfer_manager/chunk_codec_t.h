@@ -5,8 +5,8 @@
 // and receiver and the client program all use it, so both ends of the wire share one definition.
 //
 // Thread: none; every function is reentrant and touches no shared state. Owns nothing, emits
-// nothing. Building reads only the raw bytes it is given; decoding allocates the decoded bytes
-// once and decodes Base64 in place.
+// nothing. Building reads only the raw bytes it is given; decoding reads the Base64 text straight
+// from the chunk's string into one buffer of decoded bytes.
 #pragma once
 
 #include "context_sync/context_sync_export.h"
@@ -15,6 +15,7 @@
 #include <QByteArrayView>
 #include <QJsonObject>
 #include <QString>
+#include <QStringView>
 
 class QIODevice;
 
@@ -96,6 +97,12 @@ public:
 
     // Reads the nine keys with their defaults.
     static fields_t read_fields(const QJsonObject& chunk);
+
+    // Exactly what QByteArray::fromBase64Encoding(text.toUtf8()).decoded gives (standard alphabet,
+    // invalid characters skipped), about five times cheaper for the strict Base64 that senders
+    // write: four characters are looked up at once into 24 bits. Anything else (characters
+    // outside the alphabet, '=' before the end, odd padding) is left to Qt's lenient decoder.
+    static QByteArray decode_base64(QStringView text);
 
     // Base64-decodes `data` (leniently: characters outside the alphabet are skipped) and, when
     // `compression` is non-zero, decompresses it. Corrupt or truncated framing, or a declared
