@@ -1,6 +1,7 @@
 // Benchmarks of the context monitor: the cumulative hash and the tree difference over 10 000
 // entries, file hashing against md5sum on the same 200 MB file, the first scan of a root holding
-// 5 000 background images against md5sum over the same files, and the rescan after one change.
+// 5 000 background images against md5sum over the same files, stopping the watcher after it, and
+// the rescan after one change.
 //
 // Large inputs are generated once into $CONTEXT_SYNC_BENCH_DIR (default: the system temporary
 // folder + "/context_sync_bench_watcher") and reused by later runs. Each md5sum comparison runs
@@ -253,6 +254,27 @@ BENCHMARK(BM_InitialScanVsMd5sum)
     ->UseManualTime()
     ->Iterations(3)
     ->Unit(benchmark::kMillisecond);
+
+// Stopping the monitor after the first scan of 5 000 images: every watch is given up.
+void BM_StopWatcher(benchmark::State& state)
+{
+    const int count = static_cast<int>(state.range(0));
+    const QString root = image_root(count);
+    for (auto _ : state) {
+        context_monitor_t monitor(QStringLiteral("BENCH"), root);
+        monitor.start_watcher();
+        if (monitor.getFileList().size() != count) {
+            state.SkipWithError("the image root was not watched completely");
+            return;
+        }
+        QElapsedTimer timer;
+        timer.start();
+        monitor.stop_watcher();
+        state.SetIterationTime(static_cast<double>(timer.nsecsElapsed()) / 1e9);
+    }
+    state.counters["files"] = count;
+}
+BENCHMARK(BM_StopWatcher)->Arg(5000)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
 
 // One image changes among the 5 000; the debounced batch for its directory is processed (without
 // waiting for the timer): listing and validating the folder, hashing what changed, the diff and

@@ -9,6 +9,7 @@
 #include <QJsonArray>
 #include <QJsonValue>
 #include <QRegularExpression>
+#include <QThread>
 
 #include <algorithm>
 #include <memory>
@@ -27,6 +28,11 @@ constexpr int debounce_interval_ms = 1000;
 constexpr qint64 hash_read_block = 256 * 1024;
 // Coarsest modification-time granularity of the file systems the root may live on (FAT: 2 s).
 constexpr qint64 racy_window_ns = 2000000000;
+// Files per watcher: adding or removing one costs a scan of that watcher's list (see the header).
+constexpr qsizetype file_watcher_share = 512;
+// Watchers for files at most, the monitor's own included: each is an inotify instance, of which a
+// user has few (128 by default). Past 16 shares the files go to the least loaded watcher.
+constexpr qsizetype max_file_watchers = 16;
 
 #define MONITOR_LOG(message, level) ORVANE_LOG((message), (level), log_source)
 
@@ -814,13 +820,13 @@ void context_monitor_t::clean_dir_file_removed()
     {
         std::lock_guard<std::mutex> lock(model_lock);
         for (auto it = files_with_hash.begin(); it != files_with_hash.end();) {
-            if (watched_file_set.contains(relative_to_absolute_path(root_path, it.key())))
+            if (watched_file_index.contains(relative_to_absolute_path(root_path, it.key())))
                 ++it;
             else
                 it = files_with_hash.erase(it);
         }
         for (auto it = hash_cache.begin(); it != hash_cache.end();) {
-            if (watched_file_set.contains(it.key()))
+            if (watched_file_index.contains(it.key()))
                 ++it;
             else
                 it = hash_cache.erase(it);
@@ -924,10 +930,59 @@ QMap<QString, QString> context_monitor_t::model_copy() const
 bool context_monitor_t::watch_add(const QString& path, bool is_dir)
 {
     std::lock_guard<std::mutex> lock(model_lock);
-    if (!watcher.addPath(path))
+    if (is_dir) {
+        if (!watcher.addPath(path))
+            return false;
+        watched_dir_set.insert(path);
+        return true;
+    }
+    const qsizetype index = file_watcher_for_new_file();
+    if (!file_watcher_at(index)->addPath(path))
         return false;
-    (is_dir ? watched_dir_set : watched_file_set).insert(path);
+    watched_file_index.insert(path, index);
     return true;
+}
+
+QFileSystemWatcher* context_monitor_t::file_watcher_at(qsizetype index)
+{
+    return index == 0 ? &watcher : file_watchers[static_cast<size_t>(index - 1)].get();
+}
+
+qsizetype context_monitor_t::file_watcher_for_new_file()
+{
+    const qsizetype count = 1 + static_cast<qsizetype>(file_watchers.size());
+    if (file_watcher_cursor >= count)
+        file_watcher_cursor = 0;
+    if (file_watcher_at(file_watcher_cursor)->files().size() < file_watcher_share)
+        return file_watcher_cursor;
+
+    qsizetype least = 0;
+    qsizetype least_size = -1;
+    for (qsizetype i = 0; i < count; ++i) {
+        const qsizetype size = file_watcher_at(i)->files().size();
+        if (size < file_watcher_share) {
+            file_watcher_cursor = i;
+            return i;
+        }
+        if (least_size < 0 || size < least_size) {
+            least = i;
+            least_size = size;
+        }
+    }
+
+    // A new watcher is made only on the monitor's own thread, where the watchers live.
+    if (count < max_file_watchers && QThread::currentThread() == thread()) {
+        auto added = std::make_unique<QFileSystemWatcher>();
+        // Qt makes the watcher's inotify engine its child; without one (no inotify instance
+        // left) it would fall back to polling every file each second, so the files go to the
+        // watchers that exist instead.
+        if (!added->children().isEmpty()) {
+            file_watchers.push_back(std::move(added));
+            file_watcher_cursor = count;
+            return count;
+        }
+    }
+    return least;
 }
 
 bool context_monitor_t::is_watched_dir(const QString& path) const
@@ -939,7 +994,7 @@ bool context_monitor_t::is_watched_dir(const QString& path) const
 bool context_monitor_t::is_watched_file(const QString& path) const
 {
     std::lock_guard<std::mutex> lock(model_lock);
-    return watched_file_set.contains(path);
+    return watched_file_index.contains(path);
 }
 
 void context_monitor_t::watch_remove(const QStringList& paths)
@@ -947,10 +1002,19 @@ void context_monitor_t::watch_remove(const QStringList& paths)
     if (paths.isEmpty())
         return;
     std::lock_guard<std::mutex> lock(model_lock);
-    watcher.removePaths(paths);
+    // Each path goes to the watcher that holds it; a path held by none goes to the watcher, which
+    // ignores it, as before.
+    std::vector<QStringList> by_watcher(1 + file_watchers.size());
     for (const QString& path : paths) {
+        const auto held = watched_file_index.constFind(path);
+        by_watcher[static_cast<size_t>(held == watched_file_index.cend() ? 0 : held.value())]
+            .append(path);
         watched_dir_set.remove(path);
-        watched_file_set.remove(path);
+        watched_file_index.remove(path);
+    }
+    for (size_t i = 0; i < by_watcher.size(); ++i) {
+        if (!by_watcher[i].isEmpty())
+            file_watcher_at(static_cast<qsizetype>(i))->removePaths(by_watcher[i]);
     }
 }
 
@@ -963,17 +1027,26 @@ QStringList context_monitor_t::watched_dirs() const
 QStringList context_monitor_t::watched_files() const
 {
     std::lock_guard<std::mutex> lock(model_lock);
-    return watcher.files();
+    // In the order the watchers were filled: for a first scan, the order of the scan.
+    QStringList files = watcher.files();
+    for (const auto& more : file_watchers)
+        files += more->files();
+    return files;
 }
 
 void context_monitor_t::sync_watch_sets()
 {
-    // The watcher forgets a path by itself when the path is deleted or replaced; the sets follow.
+    // A watcher forgets a path by itself when the path is deleted or replaced; the sets follow.
     std::lock_guard<std::mutex> lock(model_lock);
     const QStringList dirs = watcher.directories();
-    const QStringList files = watcher.files();
     watched_dir_set = QSet<QString>(dirs.cbegin(), dirs.cend());
-    watched_file_set = QSet<QString>(files.cbegin(), files.cend());
+    watched_file_index.clear();
+    const qsizetype count = 1 + static_cast<qsizetype>(file_watchers.size());
+    for (qsizetype i = 0; i < count; ++i) {
+        const QStringList files = file_watcher_at(i)->files();
+        for (const QString& file : files)
+            watched_file_index.insert(file, i);
+    }
 }
 
 void context_monitor_t::watch_clear()
@@ -985,8 +1058,12 @@ void context_monitor_t::watch_clear()
         watcher.removePaths(dirs);
     if (!files.isEmpty())
         watcher.removePaths(files);
+    // Destroying the further watchers closes their inotify instances, which drops their watches
+    // without removing the paths one by one.
+    file_watchers.clear();
+    file_watcher_cursor = 0;
     watched_dir_set.clear();
-    watched_file_set.clear();
+    watched_file_index.clear();
 }
 
 } // namespace context_sync_engine

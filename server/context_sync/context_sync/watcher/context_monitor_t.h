@@ -8,7 +8,8 @@
 // Thread: the monitor lives on the thread that creates it (the sync service's thread); its slots,
 // its watcher and its timer run there. The getters and inUpdate() may also be called from other
 // threads; they read a consistent copy under a small internal lock.
-// Owns: the watcher and the debounce timer (members, no parent).
+// Owns: the watcher and the debounce timer (members, no parent), and the further file watchers
+// that take the files once the watcher holds a share of them (see watch_add).
 // Signals: in_update_change when the busy flag flips; tree_updated_files(names hash, content hash,
 // diff) once from start_watcher (every file "new") and after a debounced scan that changed the
 // tree (or while files still wait to be renamed into place); end_of_check after a debounced check
@@ -41,7 +42,9 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <mutex>
+#include <vector>
 
 namespace context_sync_engine {
 
@@ -164,6 +167,9 @@ private:
     QStringList watched_files() const;
     void watch_clear();
     void sync_watch_sets();
+    // The watcher holding files at `index` (0: watcher, i: file_watchers[i - 1]). Under model_lock.
+    QFileSystemWatcher* file_watcher_at(qsizetype index);
+    qsizetype file_watcher_for_new_file();
     void scan_one_directory(const QString& path);
     QString scanned_file_hash(const QString& path);
 
@@ -191,10 +197,20 @@ private:
     mutable std::mutex model_lock;
     // Mirrors the debounce timer's running state for readers on other threads.
     std::atomic<bool> timer_running { false };
-    // What the watcher watches, kept as sets so that the scan's "already watched?" test does not
-    // copy the watcher's lists for every entry.
+    // Qt's watcher checks every path it is given against the plain list of everything it already
+    // watches, and removes a path from that list by scanning all of it, so each watcher is given
+    // at most file_watcher_share files: the watcher itself takes the directories and the first
+    // share of files, further watchers (each its own inotify instance, a bounded number) take the
+    // rest. Their file-changed signals are never connected, like the watcher's. Destroying one
+    // drops all its watches at once, which is what stop_watcher does. Under model_lock.
+    std::vector<std::unique_ptr<QFileSystemWatcher>> file_watchers;
+    // What the watchers watch, kept so that the scan's "already watched?" test does not copy the
+    // watchers' lists for every entry: the directories, and each file with the index of the
+    // watcher that holds it (as for file_watcher_at).
     QSet<QString> watched_dir_set;
-    QSet<QString> watched_file_set;
+    QHash<QString, qsizetype> watched_file_index;
+    // Where the last file went; the next one goes there too while that watcher has room.
+    qsizetype file_watcher_cursor = 0;
     // What a file looked like when it was last hashed by a scan. The hash is reused only when
     // nothing changed and the file had not been modified just before it was hashed (a change
     // within the file system's timestamp granularity could otherwise go unseen).
