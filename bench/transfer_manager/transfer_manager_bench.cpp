@@ -12,6 +12,8 @@
 #include "context_sync/context_sync/transfer_manager/file_receiver_t.h"
 #include "context_sync/context_sync/transfer_manager/file_sender_t.h"
 
+#include "platform/comunication/utility/json_reader_t.h"
+#include "platform/comunication/utility/json_text_t.h"
 #include "platform/logs/classlogs.h"
 
 #include <QCoreApplication>
@@ -161,6 +163,33 @@ void BM_DecodeChunk(benchmark::State& state)
     set_chunk_counters(state);
 }
 
+// Parsing the text of a chunk request as it arrives from the broker (the client's request
+// envelope around the chunk object): Qt's parser (arg ours:0) against the rr layer's reader
+// (ours:1), which takes the long Base64 string past Qt's parser.
+void BM_ParseChunkRequest(benchmark::State& state)
+{
+    chunk_codec_t::header_t header;
+    header.file = QStringLiteral("background/bench.bin");
+    header.total_chunks = 1;
+    const QJsonObject request { { QStringLiteral("type"), QStringLiteral("ctx_chunk") },
+        { QStringLiteral("payload"),
+            QJsonObject { { QStringLiteral("message"),
+                chunk_codec_t::build_chunk(header, one_chunk(RANDOM), 9) } } } };
+    const QByteArray text = comunication::utility::json_text_t::compact(request);
+    const bool ours = state.range(0) != 0;
+    for (auto _ : state) {
+        QJsonParseError error {};
+        QJsonDocument document = ours ? comunication::utility::json_reader_t::parse(text, &error)
+                                      : QJsonDocument::fromJson(text, &error);
+        if (error.error != QJsonParseError::NoError)
+            state.SkipWithError("not parsed");
+        benchmark::DoNotOptimize(document);
+    }
+    state.SetLabel(ours ? "json_reader_t" : "QJsonDocument");
+    state.SetItemsProcessed(state.iterations());
+    state.SetBytesProcessed(state.iterations() * text.size());
+}
+
 // A 50 MB file from a sender on its own thread to a receiver on this thread, acknowledgements
 // included, with the default pacing of one sender (5 ms between chunks).
 void BM_BackToBack50MB(benchmark::State& state)
@@ -220,6 +249,7 @@ BENCHMARK(BM_BareCompressMd5Base64)->Arg(RANDOM)->Arg(TEXT)->ArgName("text");
 BENCHMARK(BM_BuildChunk)->Arg(RANDOM)->Arg(TEXT)->ArgName("text");
 BENCHMARK(BM_BareBase64UncompressMd5)->Arg(RANDOM)->Arg(TEXT)->ArgName("text");
 BENCHMARK(BM_DecodeChunk)->Arg(RANDOM)->Arg(TEXT)->ArgName("text");
+BENCHMARK(BM_ParseChunkRequest)->Arg(0)->Arg(1)->ArgName("ours");
 BENCHMARK(BM_BackToBack50MB)
     ->Arg(RANDOM)
     ->Arg(TEXT)

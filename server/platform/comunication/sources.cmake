@@ -20,4 +20,6 @@ target_sources(orvane_platform PRIVATE
     ${CMAKE_CURRENT_LIST_DIR}/utility/rr_topic_t.cpp
     ${CMAKE_CURRENT_LIST_DIR}/utility/json_text_t.h
     ${CMAKE_CURRENT_LIST_DIR}/utility/json_text_t.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/utility/json_reader_t.h
+    ${CMAKE_CURRENT_LIST_DIR}/utility/json_reader_t.cpp
 )

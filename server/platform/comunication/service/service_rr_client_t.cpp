@@ -1,6 +1,7 @@
 #include "platform/comunication/service/service_rr_client_t.h"
 
 #include "platform/comunication/protoserver_t.h"
+#include "platform/comunication/utility/json_reader_t.h"
 #include "platform/comunication/utility/json_text_t.h"
 #include "platform/comunication/utility/rr_topic_t.h"
 #include "platform/logs/classlogs.h"
@@ -93,7 +94,8 @@ void service_rr_client_t::receive(const QString& topic, const QByteArray& payloa
     if (!broadcast && topic != utility::rr_topic_t::response(base, getName(), getClientId()))
         return;
     QJsonParseError error {};
-    const QJsonDocument document = QJsonDocument::fromJson(payload, &error);
+    // Same verdict and document as QJsonDocument::fromJson; much cheaper for a chunk's data.
+    const QJsonDocument document = utility::json_reader_t::parse(payload, &error);
     if (error.error != QJsonParseError::NoError || !document.isObject()) {
         ORVANE_LOG(
             QStringLiteral("[%1] Answer on %2 ignored: not a JSON object").arg(getName(), topic), 3,

@@ -3,6 +3,7 @@
 #include "platform/comunication/config/mosquittocnf_t.h"
 #include "platform/comunication/protoserver_t.h"
 #include "platform/comunication/utility/destination_publish_client_t.h"
+#include "platform/comunication/utility/json_reader_t.h"
 #include "platform/comunication/utility/json_text_t.h"
 #include "platform/comunication/utility/rr_topic_t.h"
 #include "platform/logs/classlogs.h"
@@ -92,7 +93,8 @@ void service_rr_server_t::receive_request(
         return;
     }
     QJsonParseError error {};
-    const QJsonDocument document = QJsonDocument::fromJson(payload, &error);
+    // Same verdict and document as QJsonDocument::fromJson; much cheaper for a chunk's data.
+    const QJsonDocument document = utility::json_reader_t::parse(payload, &error);
     if (error.error != QJsonParseError::NoError) {
         refuse(origin, QStringLiteral("body is not JSON"));
         return;
