@@ -1,8 +1,8 @@
-// file_receiver_handler_t is the state of one file that a client is uploading: the client that
-// owns the reception, the decoded chunks received so far (kept in memory until the file is
-// complete), the chunk count announced by its first chunk, the byte estimate and counters that the
-// progress line reports, the name of its staging file, and the timer that notices a silence inside
-// the file.
+// file_receiver_handler_t is the state of one file that a client is uploading: the client and
+// the relative path of the reception, the decoded chunks received so far (kept in memory until the
+// file is complete), the chunk count announced by its first chunk, the byte estimate and counters
+// that the progress line reports, the name of its staging file, and the timer that notices a
+// silence inside the file.
 //
 // Thread: created, used and deleted by the file receiver on the receiver's thread. Plain data with
 // public members; the receiver drives it. Owns chunk_timer and aux_object (both released by
@@ -35,8 +35,10 @@ public:
     void reset();
 
     QObject* aux_object = nullptr;
-    // The client whose first accepted chunk began this reception: only its chunks go into it.
+    // The client uploading the file, and its path relative to the root: only that client's
+    // chunks of that path go into this reception.
     QString owner;
+    QString file;
     int total_chunks = 0;
     QHash<int, QByteArray> chunks;
     QTimer* chunk_timer = nullptr;

@@ -59,6 +59,13 @@ bool write_all(QFile& file, QByteArrayView bytes)
     return true;
 }
 
+// The key of a reception: the client and the relative path. A path that holds a NUL is refused
+// before any reception begins, so the key splits at its last NUL and no two pairs share a key.
+QString reception_key(const QString& client, const QString& file)
+{
+    return client + QChar(u'\0') + file;
+}
+
 } // namespace
 
 file_receiver_t::file_receiver_t(const QString& _context_path, const QString& _tmp_folder_path,
@@ -100,19 +107,9 @@ QString file_receiver_t::part_path_for(const QString& tmp_folder, const QString&
     return tmp_folder + QStringLiteral("/") + name;
 }
 
-const QString file_receiver_t::ERROR_FILE_BUSY
-    = QStringLiteral("refused: the file is being received from another client");
-
-QJsonObject file_receiver_t::refusal_ack(const QString& _file, const QString& _error)
+void file_receiver_t::discard_handler(const QString& key)
 {
-    QJsonObject ack = chunk_codec_t::build_ack(_file, -1);
-    ack.insert(QStringLiteral("error"), _error);
-    return ack;
-}
-
-void file_receiver_t::discard_handler(const QString& file)
-{
-    QPointer<file_receiver_handler_t> handler = handlers.take(file);
+    QPointer<file_receiver_handler_t> handler = handlers.take(key);
     if (!handler)
         return;
     handler->reset();
@@ -121,15 +118,33 @@ void file_receiver_t::discard_handler(const QString& file)
 
 void file_receiver_t::discard_stalled_receptions()
 {
-    const QList<QString> files = handlers.keys();
-    for (const QString& file : files) {
-        const QPointer<file_receiver_handler_t> handler = handlers.value(file);
+    const QList<QString> keys = handlers.keys();
+    for (const QString& key : keys) {
+        const QPointer<file_receiver_handler_t> handler = handlers.value(key);
         if (handler && handler->chunk_timer && handler->chunk_timer->isActive())
             continue;
         ORVANE_LOG(QStringLiteral("Discarded stalled reception of file %1 (%2 chunks held)")
-                       .arg(file, QString::number(handler ? handler->chunks.size() : 0)),
+                       .arg(handler ? handler->file : key,
+                           QString::number(handler ? handler->chunks.size() : 0)),
             3, LOG_SOURCE);
-        discard_handler(file);
+        discard_handler(key);
+    }
+}
+
+void file_receiver_t::discard_stalled_receptions_of(const QString& file, const QString& sender)
+{
+    const QList<QString> keys = handlers.keys();
+    for (const QString& key : keys) {
+        const QPointer<file_receiver_handler_t> handler = handlers.value(key);
+        if (!handler || handler->file != file || handler->owner == sender
+            || (handler->chunk_timer && handler->chunk_timer->isActive()))
+            continue;
+        ORVANE_LOG(QStringLiteral("Discarded stalled reception of file %1 from client %2 (%3 of %4 "
+                                  "chunks held): client %5 uploads it anew")
+                       .arg(file, handler->owner, QString::number(handler->chunks.size()),
+                           QString::number(handler->total_chunks), sender),
+            3, LOG_SOURCE);
+        discard_handler(key);
     }
 }
 
@@ -176,38 +191,21 @@ void file_receiver_t::processChunk(const QJsonObject& _data, const QString& _sen
             3, LOG_SOURCE);
         return;
     }
-    QPointer<file_receiver_handler_t> handler = handlers.value(file);
-    if (handler && handler->owner != _sender) {
-        // Another client's chunks must never go into this reception, nor may a bad chunk of its
-        // discard what the owner has sent. While the owner is alive the newcomer is turned away;
-        // an owner silent for the chunk timeout has gone, and the path is free again.
-        if (handler->chunk_timer && handler->chunk_timer->isActive()) {
-            ORVANE_LOG(QStringLiteral("Refused chunk %1 of file %2 from client %3: the file is "
-                                      "being received from client %4")
-                           .arg(QString::number(index), file, _sender, handler->owner),
-                3, LOG_SOURCE);
-            emit sendChunkAck(file, index, refusal_ack(file, ERROR_FILE_BUSY), _sender);
-            return;
-        }
-        ORVANE_LOG(QStringLiteral("Discarded stalled reception of file %1 from client %2 (%3 of %4 "
-                                  "chunks held): client %5 uploads it anew")
-                       .arg(file, handler->owner, QString::number(handler->chunks.size()),
-                           QString::number(handler->total_chunks), _sender),
-            3, LOG_SOURCE);
-        discard_handler(file);
-        handler = nullptr;
-    }
+    // One reception per client and path: another client's chunks of the same path go into a
+    // reception of their own and can never mix into, complete, restart or discard this one.
+    const QString key = reception_key(_sender, file);
+    QPointer<file_receiver_handler_t> handler = handlers.value(key);
     if (handler && fields.header.total_chunks != handler->total_chunks) {
-        // Another chunk count is another upload of the path (its earlier sender went away mid-file
-        // and a new one began). Completing with what is held would write a file cut at the old
-        // count, or never complete while every chunk is acknowledged.
+        // Another chunk count is another upload of the path by this client (its earlier one went
+        // away mid-file and a new one began). Completing with what is held would write a file cut
+        // at the old count, or never complete while every chunk is acknowledged.
         ORVANE_LOG(QStringLiteral("Discarded stale reception of file %1 (%2 of %3 chunks held): "
                                   "client %4 announces %5 chunks")
                        .arg(file, QString::number(handler->chunks.size()),
                            QString::number(handler->total_chunks), _sender,
                            QString::number(fields.header.total_chunks)),
             3, LOG_SOURCE);
-        discard_handler(file);
+        discard_handler(key);
         handler = nullptr;
     }
     if (!handler && !admit_new_file(file, fields.header.total_chunks, _sender))
@@ -222,20 +220,22 @@ void file_receiver_t::processChunk(const QJsonObject& _data, const QString& _sen
     if (chunk_codec_t::hash_hex(bytes) != fields.hash) {
         ORVANE_LOG(
             QStringLiteral("Integrity error! Invalid chunk hash %1").arg(index), 2, LOG_SOURCE);
-        // Everything received for the file so far goes; the client's ack timeout ends its side.
-        discard_handler(file);
+        // Everything this client sent for the file so far goes; its ack timeout ends its side.
+        discard_handler(key);
         return;
     }
 
     if (!handler) {
+        discard_stalled_receptions_of(file, _sender);
         handler = new file_receiver_handler_t();
         handler->owner = _sender;
+        handler->file = file;
         handler->total_chunks = int(fields.header.total_chunks);
         handler->expected_bytes = estimate_bytes(bytes.size(), handler->total_chunks);
         expected_bytes += handler->expected_bytes;
         handler->part_path = part_path_for(tmp_folder_path, file);
         handler->elapsed.start();
-        handlers.insert(file, handler);
+        handlers.insert(key, handler);
     }
     if (!handler->chunk_timer) {
         handler->chunk_timer = new QTimer();
@@ -302,7 +302,7 @@ bool file_receiver_t::finalizeFile(const QString& _file, QPointer<file_receiver_
             2, LOG_SOURCE);
         part.close();
         part.remove();
-        discard_handler(_file);
+        discard_handler(reception_key(_handler->owner, _file));
         return false;
     }
     part.close();
@@ -321,7 +321,7 @@ bool file_receiver_t::finalizeFile(const QString& _file, QPointer<file_receiver_
             LOG_SOURCE);
         return false;
     }
-    discard_handler(_file);
+    discard_handler(reception_key(_handler->owner, _file));
     ORVANE_LOG(QStringLiteral("Successfull file received: %1").arg(destination), 4, LOG_SOURCE);
     emit file_received(destination);
     return true;
@@ -329,27 +329,37 @@ bool file_receiver_t::finalizeFile(const QString& _file, QPointer<file_receiver_
 
 void file_receiver_t::printProgress()
 {
-    const QList<QString> files = handlers.keys();
-    for (const QString& file : files)
-        printProgress(file);
+    const QList<QPointer<file_receiver_handler_t>> receptions = handlers.values();
+    for (const QPointer<file_receiver_handler_t>& handler : receptions) {
+        if (handler)
+            print_progress(*handler);
+    }
 }
 
 void file_receiver_t::printProgress(const QString& _path)
 {
-    const QPointer<file_receiver_handler_t> handler = handlers.value(_path);
-    if (!handler) {
-        ORVANE_LOG(QStringLiteral("Unable to found progress of file %1").arg(_path), 2, LOG_SOURCE);
-        return;
+    bool found = false;
+    const QList<QPointer<file_receiver_handler_t>> receptions = handlers.values();
+    for (const QPointer<file_receiver_handler_t>& handler : receptions) {
+        if (handler && handler->file == _path) {
+            print_progress(*handler);
+            found = true;
+        }
     }
+    if (!found)
+        ORVANE_LOG(QStringLiteral("Unable to found progress of file %1").arg(_path), 2, LOG_SOURCE);
+}
+
+void file_receiver_t::print_progress(file_receiver_handler_t& handler)
+{
     overall_percent = truncate_percent(double(received_bytes) * 100.0 / double(expected_bytes));
-    handler->percent = truncate_percent(
-        double(handler->received_bytes) * 100.0 / double(handler->expected_bytes));
-    handler->speed
-        = double(handler->received_bytes) / (double(handler->elapsed.elapsed()) / 1000.0);
+    handler.percent
+        = truncate_percent(double(handler.received_bytes) * 100.0 / double(handler.expected_bytes));
+    handler.speed = double(handler.received_bytes) / (double(handler.elapsed.elapsed()) / 1000.0);
     ORVANE_LOG(QStringLiteral("Receive file %1: chunk: %2/%3 percent: %4%[%5%] speed: %6 KB/s")
-                   .arg(_path, QString::number(handler->chunks.size()),
-                       QString::number(handler->total_chunks), QString::number(handler->percent),
-                       QString::number(overall_percent), QString::number(handler->speed)),
+                   .arg(handler.file, QString::number(handler.chunks.size()),
+                       QString::number(handler.total_chunks), QString::number(handler.percent),
+                       QString::number(overall_percent), QString::number(handler.speed)),
         6, LOG_SOURCE);
 }
 

@@ -18,14 +18,17 @@
 // log, state untouched): a "file" that is not a safe relative path; for the first chunk of a file,
 // a "total_chunks" that is negative or whose total size exceeds the upload limit, or a file that
 // would exceed the number of files in reception (timed-out receptions are discarded first to make
-// room). A chunk whose "total_chunks" differs from the one its file's reception began with starts
-// that file anew (level-3 log): what was held belonged to an upload whose client went away, and
-// completing with it would cut the new file at the old count or never complete it.
-// A reception belongs to the client that began it. A chunk of another client for that path is
-// refused while the owner's upload is alive (its chunk timer runs): level-3 log and a refusal
-// acknowledgement to that client (see refusal_ack), nothing of either upload touched. Once the
-// owner has been silent for the chunk timeout, the other client's chunk discards what was held
-// (level-3 log) and begins the file anew. Two clients' chunks never mix in one file.
+// room). A chunk whose "total_chunks" differs from the one its reception (the same client's, of
+// the same file) began with starts that file anew (level-3 log): what was held belonged to an
+// earlier upload of that client that went away, and completing with it would cut the new file at
+// the old count or never complete it.
+// Receptions are kept per client and path: two clients uploading one path at once each fill a
+// reception of their own, so their chunks never mix, and one client's chunk (a bad one, or one
+// with another chunk count) never completes, restarts or discards the other's file. Each
+// completed file is moved into place whole; the upload that completes last is the one that stays,
+// as with two uploads one after the other. When a client begins a file, other clients'
+// receptions of that path that have been silent for the chunk timeout are dropped (level-3 log):
+// their uploads have ended.
 // A file that cannot be written whole to its staging file (a full or failing disk) never
 // reaches the tree: level-2 log, the part file removed, everything held for the file dropped.
 #pragma once
@@ -92,15 +95,6 @@ public:
     // Name of the staging file of the relative path `_file` below `tmp_folder`.
     static QString part_path_for(const QString& tmp_folder, const QString& _file);
 
-    // Text of the refusal sent to a client whose chunk is for a file that another client is
-    // uploading.
-    static const QString ERROR_FILE_BUSY;
-    // The acknowledgement that tells a client its chunk of `_file` was refused: {"file": _file,
-    // "chunkIndex": -1, "error": _error}. The index matches no chunk, so a client that reads only
-    // "file" and "chunkIndex" ignores it and times out as for any unacknowledged chunk, while one
-    // that reads "error" can stop at once.
-    static QJsonObject refusal_ack(const QString& _file, const QString& _error);
-
 public slots:
     // One chunk payload and the id of the client that sent it.
     void processChunk(const QJsonObject& _data, const QString& _sender);
@@ -120,7 +114,10 @@ private:
     bool admit_new_file(const QString& file, qint64 chunks, const QString& sender);
     // Discards the receptions whose chunk timer is no longer running.
     void discard_stalled_receptions();
-    void discard_handler(const QString& file);
+    // Drops the receptions of `file` by clients other than `sender` whose chunk timer has run out.
+    void discard_stalled_receptions_of(const QString& file, const QString& sender);
+    void discard_handler(const QString& key);
+    void print_progress(file_receiver_handler_t& handler);
 
     QMutex receive_lock;
     QTimer wait_next_file_timer;
@@ -135,6 +132,7 @@ private:
     int overall_percent = 0;
     int sender_percent = 0;
     double sender_speed = 0.0;
+    // Keyed by client and relative path (reception_key in the source).
     QHash<QString, QPointer<file_receiver_handler_t>> handlers;
 
     qint64 upload_limit = DEFAULT_UPLOAD_LIMIT;

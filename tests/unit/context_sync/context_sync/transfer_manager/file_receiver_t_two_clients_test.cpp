@@ -1,8 +1,7 @@
 // Two clients uploading the same path at once, through the receiver's public slot with two client
-// ids and real files in a temporary context root. A reception belongs to the client that began it:
-// the other client's chunks are refused with a refusal acknowledgement while the owner is alive,
-// and take the path over once the owner has been silent for the 5000 ms chunk timeout (the one
-// test that waits for it).
+// ids and real files in a temporary context root. Each client's upload has a reception of its own:
+// the chunks never mix, each completed file reaches the tree whole, and the one completed last
+// stays. One test waits for the 5000 ms chunk timeout.
 #include "context_sync/context_sync/transfer_manager/file_receiver_t.h"
 
 #include "common/log_capture_t.h"
@@ -13,8 +12,6 @@
 #include <QJsonObject>
 
 #include <gtest/gtest.h>
-
-#include <memory>
 
 using context_sync_engine::chunk_codec_t;
 using context_sync_engine::file_receiver_t;
@@ -64,71 +61,49 @@ struct harness_t {
     }
 };
 
-QString refused_line(int index, const QString& file, const QString& sender, const QString& owner)
-{
-    return QStringLiteral("Refused chunk %1 of file %2 from client %3: the file is being received "
-                          "from client %4")
-        .arg(QString::number(index), file, sender, owner);
-}
-
-void expect_refusal_ack(const ack_record_t& a, const QString& file, int index)
-{
-    EXPECT_EQ(a.file, file);
-    EXPECT_EQ(a.index, index);
-    const QJsonObject expected { { "file", file }, { "chunkIndex", -1 },
-        { "error", "refused: the file is being received from another client" } };
-    EXPECT_EQ(a.ack, expected);
-}
-
 } // namespace
 
-TEST(FileReceiverTwoClients, RefusalAcknowledgementMatchesNoChunk)
-{
-    const QJsonObject ack
-        = file_receiver_t::refusal_ack("a/b.bin", file_receiver_t::ERROR_FILE_BUSY);
-    const chunk_codec_t::ack_t read = chunk_codec_t::read_ack(ack);
-    EXPECT_EQ(read.file, "a/b.bin");
-    EXPECT_EQ(read.chunk_index, -1);
-    EXPECT_EQ(
-        ack.value("error").toString(), "refused: the file is being received from another client");
-}
-
-TEST(FileReceiverTwoClients, InterleavedUploadsOfOnePathNeverMixAndTheFirstCompletesByteExact)
+TEST(FileReceiverTwoClients, InterleavedUploadsOfOnePathNeverMixAndEachArrivesWhole)
 {
     log_capture_t logs;
     harness_t h;
-    const QByteArray alice = temp_tree_t::random_bytes(1200000, 1); // 3 chunks
-    const QByteArray bob = temp_tree_t::random_bytes(1100000, 2); // 3 chunks as well
+    // The same chunk count: with one reception per path, bob's chunk 0 would have replaced
+    // alice's and her file would have been written with it.
+    const QByteArray alice = temp_tree_t::random_bytes(1200000, 1);
+    const QByteArray bob = temp_tree_t::random_bytes(1100000, 2);
+    ASSERT_EQ(chunk_codec_t::chunk_count(alice.size()), 3);
+    ASSERT_EQ(chunk_codec_t::chunk_count(bob.size()), 3);
 
-    for (int i = 0; i < 3; ++i) {
-        h.feed("alice", "background/wall.bin", alice, i);
-        h.feed("bob", "background/wall.bin", bob, i);
-    }
+    h.feed("alice", "background/wall.bin", alice, 0);
+    h.feed("bob", "background/wall.bin", bob, 0);
+    h.feed("alice", "background/wall.bin", alice, 1);
+    h.feed("bob", "background/wall.bin", bob, 1);
+    EXPECT_EQ(h.receiver.filesInReception(), 2);
+    h.feed("alice", "background/wall.bin", alice, 2);
 
-    // Every chunk of alice acknowledged as itself, the file written once, byte for byte hers.
-    const QList<ack_record_t> to_alice = h.acks_to("alice");
-    ASSERT_EQ(to_alice.size(), 3);
-    for (int i = 0; i < 3; ++i)
-        EXPECT_EQ(to_alice.at(i).ack, chunk_codec_t::build_ack("background/wall.bin", i));
+    // Alice's upload completes first, byte for byte hers; bob's goes on untouched.
     ASSERT_EQ(h.received, QStringList { h.tree.path("background/wall.bin") });
     EXPECT_EQ(h.tree.read("background/wall.bin"), alice);
-
-    // Bob's first two chunks came while alice's reception was alive: refused, each logged at
-    // level 3 and answered with a refusal. His third came after alice's file was in place, so it
-    // began a reception of his own that holds 1 of 3 chunks and writes nothing.
-    const QList<ack_record_t> to_bob = h.acks_to("bob");
-    ASSERT_EQ(to_bob.size(), 3);
-    expect_refusal_ack(to_bob.at(0), "background/wall.bin", 0);
-    expect_refusal_ack(to_bob.at(1), "background/wall.bin", 1);
-    EXPECT_EQ(to_bob.at(2).ack, chunk_codec_t::build_ack("background/wall.bin", 2));
-    EXPECT_TRUE(logs.contains(refused_line(0, "background/wall.bin", "bob", "alice"), 3));
-    EXPECT_TRUE(logs.contains(refused_line(1, "background/wall.bin", "bob", "alice"), 3));
-    EXPECT_EQ(logs.count(refused_line(2, "background/wall.bin", "bob", "alice")), 0);
     EXPECT_EQ(h.receiver.filesInReception(), 1);
-    EXPECT_EQ(h.tree.read("background/wall.bin"), alice);
+
+    // Bob's completes last and replaces it, byte for byte his.
+    h.feed("bob", "background/wall.bin", bob, 2);
+    ASSERT_EQ(h.received.size(), 2);
+    EXPECT_EQ(h.tree.read("background/wall.bin"), bob);
+    EXPECT_EQ(h.receiver.filesInReception(), 0);
+    EXPECT_TRUE(h.tree.files().filter("TMP_file_receive/").isEmpty());
+
+    // Every chunk acknowledged to the client that sent it, as the plain acknowledgement.
+    for (const QString& client : { QStringLiteral("alice"), QStringLiteral("bob") }) {
+        const QList<ack_record_t> acks = h.acks_to(client);
+        ASSERT_EQ(acks.size(), 3) << client.toStdString();
+        for (int i = 0; i < 3; ++i)
+            EXPECT_EQ(acks.at(i).ack, chunk_codec_t::build_ack("background/wall.bin", i));
+    }
+    EXPECT_FALSE(logs.contains_fragment("Discarded"));
 }
 
-TEST(FileReceiverTwoClients, AnotherClientsLastChunkCannotFinaliseTheOwnersFile)
+TEST(FileReceiverTwoClients, AnotherClientsLastChunkCannotCompleteTheFirstClientsFile)
 {
     log_capture_t logs;
     harness_t h;
@@ -137,19 +112,20 @@ TEST(FileReceiverTwoClients, AnotherClientsLastChunkCannotFinaliseTheOwnersFile)
 
     h.feed("alice", "f.bin", alice, 0);
     h.feed("alice", "f.bin", alice, 1);
-    // The one index alice still lacks: stored, it would complete her file with bob's bytes.
+    // The one index alice still lacks: in a shared reception it would complete her file with
+    // bob's bytes. It is bob's first chunk instead.
     h.feed("bob", "f.bin", bob, 2);
-    EXPECT_TRUE(logs.contains(refused_line(2, "f.bin", "bob", "alice"), 3));
     EXPECT_TRUE(h.received.isEmpty());
     EXPECT_FALSE(h.tree.exists("f.bin"));
+    EXPECT_EQ(h.receiver.filesInReception(), 2);
 
     h.feed("alice", "f.bin", alice, 2);
     ASSERT_EQ(h.received.size(), 1);
     EXPECT_EQ(h.tree.read("f.bin"), alice);
-    EXPECT_EQ(h.receiver.filesInReception(), 0);
+    EXPECT_EQ(h.receiver.filesInReception(), 1);
 }
 
-TEST(FileReceiverTwoClients, AnotherClientsBadChunkDoesNotDiscardTheOwnersReception)
+TEST(FileReceiverTwoClients, AnotherClientsBadChunkDoesNotDiscardTheFirstClientsReception)
 {
     log_capture_t logs;
     harness_t h;
@@ -159,18 +135,16 @@ TEST(FileReceiverTwoClients, AnotherClientsBadChunkDoesNotDiscardTheOwnersRecept
     QJsonObject bad = make_chunk("f.bin", 1, 2, "bob's bytes");
     bad.insert("hash", QString(32, QLatin1Char('0')));
     h.receiver.processChunk(bad, "bob");
-
-    EXPECT_TRUE(logs.contains(refused_line(1, "f.bin", "bob", "alice"), 3));
-    EXPECT_FALSE(logs.contains_fragment("Integrity error!"));
-    ASSERT_EQ(h.acks_to("bob").size(), 1);
-    expect_refusal_ack(h.acks_to("bob").at(0), "f.bin", 1);
+    EXPECT_TRUE(logs.contains("Integrity error! Invalid chunk hash 1", 2));
+    EXPECT_TRUE(h.acks_to("bob").isEmpty());
+    EXPECT_EQ(h.receiver.filesInReception(), 1);
 
     h.feed("alice", "f.bin", alice, 1);
     ASSERT_EQ(h.received.size(), 1);
     EXPECT_EQ(h.tree.read("f.bin"), alice);
 }
 
-TEST(FileReceiverTwoClients, AnotherClientsChunkCountDoesNotRestartTheOwnersReception)
+TEST(FileReceiverTwoClients, AnotherClientsChunkCountDoesNotRestartTheFirstClientsReception)
 {
     log_capture_t logs;
     harness_t h;
@@ -179,33 +153,57 @@ TEST(FileReceiverTwoClients, AnotherClientsChunkCountDoesNotRestartTheOwnersRece
 
     h.feed("alice", "f.bin", alice, 0);
     h.feed("bob", "f.bin", bob, 0);
-    EXPECT_TRUE(logs.contains(refused_line(0, "f.bin", "bob", "alice"), 3));
     EXPECT_FALSE(logs.contains_fragment("Discarded stale reception"));
+    EXPECT_EQ(h.receiver.filesInReception(), 2);
 
     h.feed("alice", "f.bin", alice, 1);
     ASSERT_EQ(h.received.size(), 1);
     EXPECT_EQ(h.tree.read("f.bin"), alice);
+    for (int i = 1; i < 5; ++i)
+        h.feed("bob", "f.bin", bob, i);
+    ASSERT_EQ(h.received.size(), 2);
+    EXPECT_EQ(h.tree.read("f.bin"), bob);
 }
 
-TEST(FileReceiverTwoClients, OtherPathsOfBothClientsAreReceivedSideBySide)
+TEST(FileReceiverTwoClients, AClientStartingItsOwnFileAgainStillDiscardsOnlyItsOwnReception)
 {
     log_capture_t logs;
     harness_t h;
-    const QByteArray alice = temp_tree_t::random_bytes(1000000, 8);
-    const QByteArray bob = temp_tree_t::random_bytes(1000000, 9);
+    const QByteArray alice = temp_tree_t::random_bytes(1000000, 12); // 2 chunks
+    const QByteArray bob_first = temp_tree_t::random_bytes(1500000, 13); // 3 chunks
+    const QByteArray bob_again = temp_tree_t::random_bytes(600000, 14); // 2 chunks
 
-    for (int i = 0; i < 2; ++i) {
-        h.feed("alice", "a.bin", alice, i);
-        h.feed("bob", "b.bin", bob, i);
-    }
-    EXPECT_EQ(h.tree.read("a.bin"), alice);
-    EXPECT_EQ(h.tree.read("b.bin"), bob);
-    EXPECT_FALSE(logs.contains_fragment("Refused chunk"));
-    EXPECT_EQ(h.acks_to("alice").size(), 2);
-    EXPECT_EQ(h.acks_to("bob").size(), 2);
+    h.feed("alice", "f.bin", alice, 0);
+    h.feed("bob", "f.bin", bob_first, 0);
+    h.feed("bob", "f.bin", bob_again, 0);
+    EXPECT_TRUE(logs.contains("Discarded stale reception of file f.bin (1 of 3 chunks held): "
+                              "client bob announces 2 chunks",
+        3));
+    EXPECT_EQ(h.receiver.filesInReception(), 2);
+    h.feed("bob", "f.bin", bob_again, 1);
+    EXPECT_EQ(h.tree.read("f.bin"), bob_again);
+    h.feed("alice", "f.bin", alice, 1);
+    EXPECT_EQ(h.tree.read("f.bin"), alice);
 }
 
-TEST(FileReceiverTwoClients, SilentOwnerLosesThePathToAnotherClientAfterTheChunkTimeout)
+TEST(FileReceiverTwoClients, ProgressOfAPathCoversEveryClientsReception)
+{
+    log_capture_t logs;
+    harness_t h;
+    h.feed("alice", "f.bin", temp_tree_t::random_bytes(1200000, 15), 0);
+    h.feed("bob", "f.bin", temp_tree_t::random_bytes(1200000, 16), 0);
+    logs.clear();
+    h.receiver.printProgress("f.bin");
+    int lines = 0;
+    for (const QString& line : logs.messages(6))
+        lines
+            += line.startsWith("Receive file f.bin: chunk: 1/3 percent: 33%[33%] speed: ") ? 1 : 0;
+    EXPECT_EQ(lines, 2);
+    h.receiver.printProgress("g.bin");
+    EXPECT_TRUE(logs.contains("Unable to found progress of file g.bin", 2));
+}
+
+TEST(FileReceiverTwoClients, SilentUploadOfAnotherClientIsDroppedWhenTheFileIsBegunAgain)
 {
     log_capture_t logs;
     harness_t h;
@@ -226,12 +224,7 @@ TEST(FileReceiverTwoClients, SilentOwnerLosesThePathToAnotherClientAfterTheChunk
     EXPECT_TRUE(logs.contains("Discarded stalled reception of file f.bin from client alice (2 of 3 "
                               "chunks held): client bob uploads it anew",
         3));
-    EXPECT_EQ(h.acks_to("bob").at(0).ack, chunk_codec_t::build_ack("f.bin", 0));
-
-    // Alice comes back: now it is her chunk that is refused, and bob's upload completes whole.
-    h.feed("alice", "f.bin", alice, 2);
-    EXPECT_TRUE(logs.contains(refused_line(2, "f.bin", "alice", "bob"), 3));
-    expect_refusal_ack(h.acks_to("alice").last(), "f.bin", 2);
+    EXPECT_EQ(h.receiver.filesInReception(), 1);
     h.feed("bob", "f.bin", bob, 1);
     ASSERT_EQ(h.received.size(), 1);
     EXPECT_EQ(h.tree.read("f.bin"), bob);
