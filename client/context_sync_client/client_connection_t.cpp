@@ -4,6 +4,7 @@
 #include "platform/comunication/protoserver_t.h"
 #include "platform/comunication/service/service_rr_client_t.h"
 #include "platform/logs/classlogs.h"
+#include "utility/tsan_annotations.h"
 
 #include <QDeadlineTimer>
 #include <QEventLoop>
@@ -38,8 +39,9 @@ client_connection_t::client_connection_t(const settings_t& settings, QObject* pa
 
     comunication::protoserver_t* proto = proto_.get();
     comunication::service::service_rr_client_t* created = nullptr;
-    QMetaObject::invokeMethod(
-        proto, [proto, &created] { created = proto->create_client_service(SERVICE_NAME); },
+    QMetaObject::invokeMethod(proto, utility::tsan::handed_over([proto, &created] {
+        created = proto->create_client_service(SERVICE_NAME);
+    }),
         Qt::BlockingQueuedConnection);
     service_ = created;
     if (!service_)

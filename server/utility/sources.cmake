@@ -11,6 +11,7 @@ target_sources(context_sync PRIVATE
     ${CMAKE_CURRENT_LIST_DIR}/orvane_option_t.cpp
     ${CMAKE_CURRENT_LIST_DIR}/thread_object_t.h
     ${CMAKE_CURRENT_LIST_DIR}/thread_object_t.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/tsan_annotations.h
     ${CMAKE_CURRENT_LIST_DIR}/type_configuration_mode_t.h
     ${CMAKE_CURRENT_LIST_DIR}/type_configuration_mode_t.cpp
     ${CMAKE_CURRENT_LIST_DIR}/utility_t.h

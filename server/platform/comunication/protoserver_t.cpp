@@ -4,6 +4,7 @@
 #include "platform/comunication/service/service_rr_server_t.h"
 #include "platform/comunication/utility/rr_topic_t.h"
 #include "platform/logs/classlogs.h"
+#include "utility/tsan_annotations.h"
 
 #include <QElapsedTimer>
 #include <QMetaObject>
@@ -67,12 +68,10 @@ protoserver_t::~protoserver_t()
         QThread* const home = QThread::currentThread();
         // Cleanup must run where the notifiers and timers live; the object then comes back to
         // this thread, so that the rest of the destruction happens with no event loop behind it.
-        QMetaObject::invokeMethod(
-            this,
-            [this, home] {
-                shutdown();
-                moveToThread(home);
-            },
+        QMetaObject::invokeMethod(this, ::utility::tsan::handed_over([this, home] {
+            shutdown();
+            moveToThread(home);
+        }),
             Qt::BlockingQueuedConnection);
         thread_.quit();
         thread_.wait();
@@ -148,7 +147,8 @@ void protoserver_t::set_will(const QString& topic, const QByteArray& payload, bo
 void protoserver_t::open()
 {
     if (QThread::currentThread() != thread()) {
-        QMetaObject::invokeMethod(this, &protoserver_t::open, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, ::utility::tsan::handed_over([this] { open(); }), Qt::QueuedConnection);
         return;
     }
     open_requested_ = true;
@@ -358,8 +358,9 @@ void protoserver_t::publish(service::service_rr_base_t* service, const QString& 
                           service, topic, QDeadlineTimer(cnf_.getPublishTimeoutMs()), false },
         payload, retain };
     if (QThread::currentThread() != thread()) {
-        QMetaObject::invokeMethod(
-            this, [this, item]() mutable { send(std::move(item)); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(this,
+            ::utility::tsan::handed_over([this, item]() mutable { send(std::move(item)); }),
+            Qt::QueuedConnection);
         return;
     }
     send(std::move(item));

@@ -3,6 +3,7 @@
 #include "client_test_env_t.h"
 
 #include "platform/comunication/config/mosquittocnf_t.h"
+#include "utility/tsan_annotations.h"
 
 #include <QMetaObject>
 
@@ -21,11 +22,9 @@ scripted_server_t::scripted_server_t(const test_support::mosquitto_broker_t& bro
     proto_ = std::make_unique<comunication::protoserver_t>(cnf);
     comunication::protoserver_t* proto = proto_.get();
     comunication::service::service_rr_base_t* created = nullptr;
-    QMetaObject::invokeMethod(
-        proto,
-        [proto, &created] {
-            created = proto->create_server_service(QStringLiteral("context_sync"));
-        },
+    QMetaObject::invokeMethod(proto, utility::tsan::handed_over([proto, &created] {
+        created = proto->create_server_service(QStringLiteral("context_sync"));
+    }),
         Qt::BlockingQueuedConnection);
     service_ = qobject_cast<comunication::service::service_rr_server_t*>(created);
     connect(

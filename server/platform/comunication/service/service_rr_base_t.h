@@ -112,6 +112,8 @@ private:
 
 } // namespace comunication::service
 
+#include "utility/tsan_annotations.h"
+
 #include <QMetaObject>
 #include <QThread>
 
@@ -120,5 +122,6 @@ template <typename F> void comunication::service::service_rr_base_t::on_own_thre
     if (QThread::currentThread() == thread())
         call();
     else
-        QMetaObject::invokeMethod(this, std::forward<F>(call), Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, ::utility::tsan::handed_over(std::forward<F>(call)), Qt::QueuedConnection);
 }

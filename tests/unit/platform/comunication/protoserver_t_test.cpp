@@ -5,6 +5,8 @@
 #include "platform/comunication/service/service_rr_client_t.h"
 #include "platform/comunication/service/service_rr_server_t.h"
 
+#include "utility/tsan_annotations.h"
+
 #include "common/log_capture_t.h"
 
 #include <QMetaObject>
@@ -23,8 +25,8 @@ namespace {
 template <typename F> auto on_thread(protoserver_t& server, F&& call)
 {
     decltype(call()) result {};
-    QMetaObject::invokeMethod(
-        &server, [&] { result = call(); }, Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(&server, utility::tsan::handed_over([&] { result = call(); }),
+        Qt::BlockingQueuedConnection);
     return result;
 }
 

@@ -4,6 +4,8 @@
 #include "context_sync/context_sync/transfer_manager/file_receiver_t.h"
 #include "context_sync/context_sync/transfer_manager/file_sender_t.h"
 
+#include "utility/tsan_annotations.h"
+
 #include "common/log_capture_t.h"
 #include "common/temp_tree_t.h"
 #include "transfer_test_util.h"
@@ -22,7 +24,9 @@ using transfer_test::wait_until;
 namespace {
 
 // The sender's side as the service holds it: the object lives on its own thread and is reached
-// only through queued and blocking-queued calls.
+// only through queued and blocking-queued calls. The calls are functors wrapped in handed_over()
+// so that ThreadSanitizer sees the hand-over through Qt's event queue (the sender is built on
+// this thread and first used on its own).
 struct threaded_sender_t {
     QThread* thread = new QThread();
     file_sender_t* sender;
@@ -36,7 +40,9 @@ struct threaded_sender_t {
 
     ~threaded_sender_t()
     {
-        QMetaObject::invokeMethod(sender, "stop", Qt::BlockingQueuedConnection);
+        file_sender_t* const target = sender;
+        QMetaObject::invokeMethod(sender, utility::tsan::handed_over([target] { target->stop(); }),
+            Qt::BlockingQueuedConnection);
         sender->deleteLater();
         thread->quit();
         thread->wait();
@@ -45,8 +51,10 @@ struct threaded_sender_t {
 
     void start(const QList<QString>& files)
     {
-        QMetaObject::invokeMethod(
-            sender, "start", Qt::QueuedConnection, Q_ARG(QList<QString>, files));
+        file_sender_t* const target = sender;
+        QMetaObject::invokeMethod(sender,
+            utility::tsan::handed_over([target, files] { target->start(files); }),
+            Qt::QueuedConnection);
     }
 };
 
@@ -68,8 +76,9 @@ void wire(threaded_sender_t& side, file_receiver_t& receiver, wiring_t& seen)
     QObject::connect(&receiver, &file_receiver_t::sendChunkAck, &receiver,
         [sender = side.sender](const QString&, int, const QJsonObject& ack, const QString& client) {
             EXPECT_EQ(client, "phone");
-            QMetaObject::invokeMethod(
-                sender, "ackReceiver", Qt::QueuedConnection, Q_ARG(QJsonObject, ack));
+            QMetaObject::invokeMethod(sender,
+                utility::tsan::handed_over([sender, ack] { sender->ackReceiver(ack); }),
+                Qt::QueuedConnection);
         });
     QObject::connect(&receiver, &file_receiver_t::file_received, &receiver,
         [&seen](const QString& path) { seen.received.append(path); });
