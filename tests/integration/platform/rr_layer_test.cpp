@@ -386,6 +386,12 @@ TEST(protoserver_t, PublishWithoutAcknowledgementTimesOut)
     cnf.setPublishTimeoutMs(300);
     server_t server(cnf);
     ASSERT_TRUE(wait_until([&] { return server.proto().isConnected(); }));
+    // The broker must have taken the server's "online" status (a subscriber sees it only after
+    // the broker has acknowledged it) before it dies: on a slow run the kill could otherwise
+    // come first, and that publication would time out as well.
+    client_t observer(rr_test::settings(broker, QStringLiteral("observer")));
+    ASSERT_TRUE(observer.wait_ready());
+    ASSERT_TRUE(server_ready(observer));
     broker.kill();
     ASSERT_TRUE(wait_until([&] { return !server.proto().isConnected(); }));
     server.service()->response_to_service(
