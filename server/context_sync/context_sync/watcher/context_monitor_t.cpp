@@ -2,6 +2,7 @@
 
 #include "context_sync/context_sync/context_background_image_t.h"
 #include "context_sync/context_sync/context_file_handler_t.h"
+#include "context_sync/context_sync/watcher/file_hash_batch_t.h"
 #include "platform/logs/classlogs.h"
 
 #include <QDir>
@@ -62,6 +63,13 @@ QString without_trailing_separator(const QString& path)
 
 // Removes a directory that may not stay. A link is removed as a link: removing recursively
 // through it would delete whatever it points at, possibly outside the root.
+qint64 realtime_ns()
+{
+    struct timespec now;
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<qint64>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
 void remove_stray_directory(const QString& path)
 {
     if (QFileInfo(path).isSymLink()) {
@@ -666,11 +674,18 @@ bool context_monitor_t::scan_directories(const QSet<QString>& paths)
 
 void context_monitor_t::scan_directory_recursive(const QString& path)
 {
-    if (scan_depth == 0)
+    if (scan_depth == 0) {
         sync_watch_sets();
+        scan_helpers = file_hash_batch_t::default_helpers();
+    }
     ++scan_depth;
     scan_one_directory(path);
     --scan_depth;
+    if (scan_depth == 0) {
+        // Every accepted file is in the model and watched before the scan's caller goes on.
+        finish_scanned_files(true);
+        hash_batch.reset();
+    }
 }
 
 void context_monitor_t::scan_one_directory(const QString& path)
@@ -747,12 +762,7 @@ void context_monitor_t::scan_one_directory(const QString& path)
 
         // Pipes, sockets and devices are never hashed: opening a pipe would block the scan.
         if (entry.isFile() && judge && judge(absolute)) {
-            const QString hash = scanned_file_hash(absolute);
-            if (hash.isEmpty())
-                continue;
-            if (!is_watched_file(absolute) && !watch_add(absolute, false))
-                MONITOR_LOG(QStringLiteral("Error to add: ") + absolute, 2);
-            model_insert(absolute_to_relative_path(root_path, absolute), hash);
+            queue_scanned_file(absolute);
             continue;
         }
 
@@ -762,39 +772,113 @@ void context_monitor_t::scan_one_directory(const QString& path)
     }
 }
 
-QString context_monitor_t::scanned_file_hash(const QString& path)
+bool context_monitor_t::read_file_stamp(const QString& path, file_stamp_t& stamp) const
 {
     struct stat info;
-    if (::stat(QFile::encodeName(path).constData(), &info) != 0) {
-        hash_cache.remove(path);
-        return compute_file_hash(path);
-    }
-    file_stamp_t stamp;
+    if (::stat(QFile::encodeName(path).constData(), &info) != 0)
+        return false;
     stamp.size = static_cast<qint64>(info.st_size);
     stamp.mtime_ns = static_cast<qint64>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
     stamp.ctime_ns = static_cast<qint64>(info.st_ctim.tv_sec) * 1000000000 + info.st_ctim.tv_nsec;
     stamp.inode = static_cast<quint64>(info.st_ino);
     stamp.device = static_cast<quint64>(info.st_dev);
+    return true;
+}
 
+void context_monitor_t::remember_hash(
+    const QString& path, const file_stamp_t& stamp, const QString& hash, qint64 started_ns)
+{
+    bytes_hashed += static_cast<quint64>(stamp.size);
+    if (hash.isEmpty()) {
+        hash_cache.remove(path);
+        return;
+    }
+    // A file modified less than the coarsest timestamp granularity (2 s) before hashing began
+    // could be modified again without its times changing: hash it again at the next scan.
+    const bool trusted = started_ns - stamp.mtime_ns >= racy_window_ns;
+    hash_cache.insert(path, cached_hash_t { stamp, hash, trusted });
+}
+
+QString context_monitor_t::scanned_file_hash(const QString& path)
+{
+    file_stamp_t stamp;
+    if (!read_file_stamp(path, stamp)) {
+        hash_cache.remove(path);
+        return compute_file_hash(path);
+    }
     auto cached = hash_cache.constFind(path);
     if (cached != hash_cache.cend() && cached->trusted && cached->stamp == stamp)
         return cached->hash;
 
-    struct timespec now;
-    ::clock_gettime(CLOCK_REALTIME, &now);
-    const qint64 hashing_started_ns = static_cast<qint64>(now.tv_sec) * 1000000000 + now.tv_nsec;
-
+    const qint64 started_ns = realtime_ns();
     const QString hash = compute_file_hash(path);
-    bytes_hashed += static_cast<quint64>(stamp.size);
-    if (hash.isEmpty()) {
-        hash_cache.remove(path);
-        return hash;
-    }
-    // A file modified less than the coarsest timestamp granularity (2 s) before hashing began
-    // could be modified again without its times changing: hash it again at the next scan.
-    const bool trusted = hashing_started_ns - stamp.mtime_ns >= racy_window_ns;
-    hash_cache.insert(path, cached_hash_t { stamp, hash, trusted });
+    remember_hash(path, stamp, hash, started_ns);
     return hash;
+}
+
+void context_monitor_t::queue_scanned_file(const QString& path)
+{
+    if (scan_helpers == 0) {
+        accept_scanned_file(path, scanned_file_hash(path));
+        return;
+    }
+
+    pending_file_t file;
+    file.path = path;
+    file.stamped = read_file_stamp(path, file.stamp);
+    if (!file.stamped) {
+        hash_cache.remove(path);
+        file.hashing = true;
+    } else {
+        auto cached = hash_cache.constFind(path);
+        if (cached != hash_cache.cend() && cached->trusted && cached->stamp == file.stamp)
+            file.hash = cached->hash;
+        else
+            file.hashing = true;
+    }
+
+    if (!file.hashing && pending_files.empty()) {
+        accept_scanned_file(path, file.hash);
+        return;
+    }
+    if (file.hashing) {
+        if (!hash_batch)
+            hash_batch = std::make_unique<file_hash_batch_t>(&compute_file_hash, scan_helpers);
+        hash_batch->add(path);
+    }
+    pending_files.push_back(std::move(file));
+    // What the helpers have finished meanwhile is watched and recorded now, while they go on.
+    finish_scanned_files(false);
+}
+
+void context_monitor_t::finish_scanned_files(bool wait)
+{
+    while (!pending_files.empty()) {
+        pending_file_t& file = pending_files.front();
+        if (file.hashing) {
+            // The batch hands results back in the order the files were queued, which is the
+            // order of the queued files among the pending ones.
+            file_hash_batch_t::result_t result;
+            if (!hash_batch
+                || !(wait ? hash_batch->take_next(result) : hash_batch->take_ready(result)))
+                return;
+            file.hash = result.hash;
+            if (file.stamped)
+                remember_hash(file.path, file.stamp, file.hash, result.started_ns);
+        }
+        const pending_file_t done = std::move(file);
+        pending_files.pop_front();
+        accept_scanned_file(done.path, done.hash);
+    }
+}
+
+void context_monitor_t::accept_scanned_file(const QString& path, const QString& hash)
+{
+    if (hash.isEmpty())
+        return;
+    if (!is_watched_file(path) && !watch_add(path, false))
+        MONITOR_LOG(QStringLiteral("Error to add: ") + path, 2);
+    model_insert(absolute_to_relative_path(root_path, path), hash);
 }
 
 void context_monitor_t::clean_dir_file_removed()

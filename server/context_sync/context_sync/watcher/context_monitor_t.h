@@ -41,12 +41,15 @@
 #include <QTimer>
 
 #include <atomic>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
 
 namespace context_sync_engine {
+
+class file_hash_batch_t;
 
 // Judges one file, given by its absolute path: true when it may stay in its directory.
 using file_validator_t = std::function<bool(const QString&)>;
@@ -172,6 +175,12 @@ private:
     qsizetype file_watcher_for_new_file();
     void scan_one_directory(const QString& path);
     QString scanned_file_hash(const QString& path);
+    // An accepted file of a scan: hashed at once on one core, else queued to be hashed by the
+    // scan's helpers and taken into the model in scan order by finish_scanned_files.
+    void queue_scanned_file(const QString& path);
+    void finish_scanned_files(bool wait);
+    // Watches a hashed file and puts it into the model (an empty hash leaves it out).
+    void accept_scanned_file(const QString& path, const QString& hash);
 
     QHash<QString, file_validator_t> directory_validators;
     // Serialises the slots that touch the pending set and the file maps.
@@ -233,6 +242,23 @@ private:
     };
     // Only the scans touch it, on the monitor's thread.
     QHash<QString, cached_hash_t> hash_cache;
+    bool read_file_stamp(const QString& path, file_stamp_t& stamp) const;
+    void remember_hash(
+        const QString& path, const file_stamp_t& stamp, const QString& hash, qint64 started_ns);
+
+    // During a scan with more than one core: the accepted files not taken into the model yet, in
+    // scan order, and the batch that hashes those whose cached hash could not be reused. Both
+    // belong to the monitor's thread and are empty between scans.
+    struct pending_file_t {
+        QString path;
+        QString hash;
+        file_stamp_t stamp;
+        bool stamped = false;
+        bool hashing = false;
+    };
+    std::deque<pending_file_t> pending_files;
+    std::unique_ptr<file_hash_batch_t> hash_batch;
+    int scan_helpers = 0;
     std::atomic<quint64> bytes_hashed { 0 };
     // Depth of scan_directory_recursive, so that the watch sets are refreshed once per scan.
     int scan_depth = 0;

@@ -3,4 +3,6 @@
 target_sources(context_sync PRIVATE
     ${CMAKE_CURRENT_LIST_DIR}/context_monitor_t.h
     ${CMAKE_CURRENT_LIST_DIR}/context_monitor_t.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/file_hash_batch_t.h
+    ${CMAKE_CURRENT_LIST_DIR}/file_hash_batch_t.cpp
 )
