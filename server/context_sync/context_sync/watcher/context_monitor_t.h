@@ -174,6 +174,8 @@ private:
     QFileSystemWatcher* file_watcher_at(qsizetype index);
     qsizetype file_watcher_for_new_file();
     void scan_one_directory(const QString& path);
+    // compute_file_hash through QFile, for the paths that only QFile can open.
+    static QString compute_qfile_hash(const QString& path);
     QString scanned_file_hash(const QString& path);
     // An accepted file of a scan: hashed at once on one core, else queued to be hashed by the
     // scan's helpers and taken into the model in scan order by finish_scanned_files.

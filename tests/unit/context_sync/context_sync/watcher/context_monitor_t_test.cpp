@@ -230,6 +230,20 @@ TEST(ContextMonitor, ComputeFileHashOfAFileThatCannotBeOpenedIsEmpty)
     EXPECT_EQ(context_monitor_t::compute_file_hash(""), "");
 }
 
+TEST(ContextMonitor, ComputeFileHashReadsQtResourcePathsThroughQFile)
+{
+    // The test embeds its own PNG helper header as a resource (see CMakeLists.txt).
+    QFile original(QStringLiteral(CONTEXT_SYNC_TESTS_DIR)
+        + QStringLiteral("/unit/context_sync/context_sync/watcher/background_png.h"));
+    ASSERT_TRUE(original.open(QIODevice::ReadOnly));
+    const QByteArray content = original.readAll();
+    ASSERT_FALSE(content.isEmpty());
+    EXPECT_EQ(
+        context_monitor_t::compute_file_hash(QStringLiteral(":/monitor_test/background_png.h")),
+        md5_hex(content));
+    EXPECT_EQ(context_monitor_t::compute_file_hash(QStringLiteral(":/monitor_test/missing")), "");
+}
+
 TEST(ContextMonitor, ComputeFileHashOfAnUnreadableFileIsEmpty)
 {
     if (running_as_root())
