@@ -7,7 +7,9 @@
 //
 // Thread: the monitor lives on the thread that creates it (the sync service's thread); its slots,
 // its watcher and its timer run there. The getters and inUpdate() may also be called from other
-// threads; they read a consistent copy under a small internal lock.
+// threads; they read a consistent copy under a small internal lock. While a scan runs, helper
+// threads (one per further core, see file_hash_batch_t) hash the files it accepted; they touch
+// nothing of the monitor, and the scan takes their results in and joins them before it returns.
 // Owns: the watcher and the debounce timer (members, no parent), and the further file watchers
 // that take the files once the watcher holds a share of them (see watch_add).
 // Signals: in_update_change when the busy flag flips; tree_updated_files(names hash, content hash,
