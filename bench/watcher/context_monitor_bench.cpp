@@ -293,6 +293,7 @@ void BM_StopWatcher(benchmark::State& state)
 {
     const int count = static_cast<int>(state.range(0));
     const QString root = image_root(count);
+    double cpu_total = 0;
     for (auto _ : state) {
         context_monitor_t monitor(QStringLiteral("BENCH"), root);
         monitor.start_watcher();
@@ -301,11 +302,14 @@ void BM_StopWatcher(benchmark::State& state)
             return;
         }
         QElapsedTimer timer;
+        const double cpu_before = process_cpu_seconds();
         timer.start();
         monitor.stop_watcher();
         state.SetIterationTime(static_cast<double>(timer.nsecsElapsed()) / 1e9);
+        cpu_total += process_cpu_seconds() - cpu_before;
     }
     state.counters["files"] = count;
+    state.counters["cpu_ms"] = cpu_total * 1000.0 / static_cast<double>(state.iterations());
 }
 BENCHMARK(BM_StopWatcher)->Arg(5000)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
 
