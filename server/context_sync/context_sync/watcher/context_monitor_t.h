@@ -214,8 +214,9 @@ private:
     // watches, and removes a path from that list by scanning all of it, so each watcher is given
     // at most file_watcher_share files: the watcher itself takes the directories and the first
     // share of files, further watchers (each its own inotify instance, a bounded number) take the
-    // rest. Their file-changed signals are never connected, like the watcher's. Destroying one
-    // drops all its watches at once, which is what stop_watcher does. Under model_lock.
+    // rest. Their file-changed signals are never connected, like the watcher's. stop_watcher
+    // empties them and keeps them for the next start; they are closed with the monitor. Under
+    // model_lock.
     std::vector<std::unique_ptr<QFileSystemWatcher>> file_watchers;
     // What the watchers watch, kept so that the scan's "already watched?" test does not copy the
     // watchers' lists for every entry: the directories, and each file with the index of the
