@@ -560,6 +560,11 @@ void protoserver_t::shutdown()
     closing_ = true;
     link_ = link_t::none;
     connected_.store(false);
+    // Stopped again, last: the goodbye above runs the connection's callbacks, and a lost
+    // connection schedules a reconnect. A timer still registered when the destructor moves this
+    // object back to its own thread makes Qt queue the timer list for re-registration there, and
+    // the object is gone before that runs: the list leaks.
+    reconnect_timer_->stop();
     misc_timer_->stop();
     for (QSocketNotifier* notifier : { read_notifier_, write_notifier_ })
         delete notifier;

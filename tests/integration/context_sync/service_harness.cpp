@@ -200,7 +200,9 @@ host_t::host_t()
 host_t::~host_t()
 {
     destroy();
-    QMetaObject::invokeMethod(anchor_, &QObject::deleteLater, Qt::QueuedConnection);
+    // Deleted as the thread finishes: a queued deleteLater could still be waiting when quit()
+    // ends the loop, and the anchor, its thread's data and the events posted there would leak.
+    QObject::connect(&thread_, &QThread::finished, anchor_, &QObject::deleteLater);
     thread_.quit();
     thread_.wait();
     proto_.reset();
