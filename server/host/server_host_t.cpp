@@ -4,6 +4,7 @@
 #include "platform/comunication/protoserver_t.h"
 #include "platform/database/database_t.h"
 #include "platform/logs/classlogs.h"
+#include "utility/tsan_annotations.h"
 
 #include <QMetaObject>
 
@@ -28,7 +29,8 @@ server_host_t::~server_host_t()
 
 template <typename F> void server_host_t::run_on_service_thread(F&& call)
 {
-    QMetaObject::invokeMethod(anchor_, std::forward<F>(call), Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(
+        anchor_, utility::tsan::handed_over(std::forward<F>(call)), Qt::BlockingQueuedConnection);
 }
 
 bool server_host_t::start(const comunication::config::mosquittocnf_t& cnf)

@@ -6,6 +6,7 @@
 #include "platform/database/rr/rr_type_t.h"
 #include "platform/logs/classlogs.h"
 #include "utility/thread_object_t.h"
+#include "utility/tsan_annotations.h"
 
 #include <QElapsedTimer>
 #include <QEventLoop>
@@ -178,7 +179,8 @@ context_sync_t::context_sync_t(
         if (server->thread() == QThread::currentThread())
             create();
         else
-            QMetaObject::invokeMethod(server, create, Qt::BlockingQueuedConnection);
+            QMetaObject::invokeMethod(
+                server, utility::tsan::handed_over(create), Qt::BlockingQueuedConnection);
         rr_server = created;
     }
 
@@ -672,8 +674,9 @@ void context_sync_t::create_file_sender(const QString& _client, const QJsonArray
 
     SERVICE_LOG(QStringLiteral("Try to start file sender for client %1").arg(_client), 6);
     file_sender_t* target = sender.data();
-    QMetaObject::invokeMethod(
-        target, [target, paths] { target->start(paths); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(target,
+        utility::tsan::handed_over([target, paths] { target->start(paths); }),
+        Qt::QueuedConnection);
 }
 
 void context_sync_t::receive_file_ack(const QString& _client, const QJsonObject& _ack)
@@ -685,8 +688,9 @@ void context_sync_t::receive_file_ack(const QString& _client, const QJsonObject&
         return;
     }
     file_sender_t* target = sender.data();
-    QMetaObject::invokeMethod(
-        target, [target, _ack] { target->ackReceiver(_ack); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(target,
+        utility::tsan::handed_over([target, _ack] { target->ackReceiver(_ack); }),
+        Qt::QueuedConnection);
 }
 
 void context_sync_t::stopping_file_sender(const QString& _client)
@@ -699,7 +703,8 @@ void context_sync_t::stopping_file_sender(const QString& _client)
             return;
         }
         file_sender_t* target = sender.data();
-        QMetaObject::invokeMethod(target, &file_sender_t::stop, Qt::BlockingQueuedConnection);
+        QMetaObject::invokeMethod(target, utility::tsan::handed_over([target] { target->stop(); }),
+            Qt::BlockingQueuedConnection);
         file_senders.remove(_client);
         SERVICE_LOG(QStringLiteral("Try to delete instance %1").arg(sender->objectName()), 6);
         utility::thread_object_t::deleteInstance<file_sender_t>(sender, true);
@@ -719,7 +724,9 @@ void context_sync_t::stopping_file_sender()
         const QPointer<file_sender_t> sender = it.value();
         if (sender) {
             file_sender_t* target = sender.data();
-            QMetaObject::invokeMethod(target, &file_sender_t::stop, Qt::BlockingQueuedConnection);
+            QMetaObject::invokeMethod(target,
+                utility::tsan::handed_over([target] { target->stop(); }),
+                Qt::BlockingQueuedConnection);
         }
         it = file_senders.erase(it);
         SERVICE_LOG(QStringLiteral("Try to delete instance %1")
