@@ -109,6 +109,54 @@ bool read_jpeg_frame_size(QIODevice& device, QSize& size)
     return false;
 }
 
+bool read_png_size(QIODevice& device, QSize& size)
+{
+    if (!device.seek(8))
+        return false;
+    // Length, type, the 13 data bytes and the CRC of the first chunk, which must be IHDR.
+    const QByteArray chunk = read_padded(device, 25);
+    if (chunk.sliced(4, 4) != "IHDR")
+        return false;
+    size = QSize(int(big_endian_32(chunk, 8)), int(big_endian_32(chunk, 12)));
+    return true;
+}
+
+bool read_gif_size(QIODevice& device, QSize& size)
+{
+    const QByteArray header = read_padded(device, 10);
+    if (!starts_with_gif_signature(header))
+        return false;
+    // Logical screen width and height.
+    size = QSize(int(little_endian_16(header, 6)), int(little_endian_16(header, 8)));
+    return true;
+}
+
+bool read_webp_size(QIODevice& device, QSize& size)
+{
+    // Four-character code of the first chunk, its size field, four payload bytes.
+    const QByteArray chunk = device.seek(12) ? read_padded(device, 12) : QByteArray(12, '\0');
+    size = QSize(int(little_endian_32(chunk, 4)), 0);
+    return true;
+}
+
+// The header reader of `type` on a device positioned at the start of the file.
+bool read_header_size(context_background_image_t::ImageType type, QIODevice& device, QSize& size)
+{
+    switch (type) {
+    case context_background_image_t::JPEG:
+        return read_jpeg_frame_size(device, size);
+    case context_background_image_t::PNG:
+        return read_png_size(device, size);
+    case context_background_image_t::GIF:
+        return read_gif_size(device, size);
+    case context_background_image_t::WEBP:
+        return read_webp_size(device, size);
+    case context_background_image_t::UNKNOWN:
+        break;
+    }
+    return false;
+}
+
 void warn(const QString& message)
 {
     // nospace: the space mode of QDebug would chop a trailing blank that belongs to the message.
@@ -155,7 +203,6 @@ bool context_background_image_t::isValidImage(
     const QByteArray header = file.read(16);
     const int clamped_size = int(qMin<qint64>(file_size, std::numeric_limits<int>::max()));
     const ImageType detected = detectType(header, clamped_size);
-    file.close();
 
     if (type)
         *type = detected;
@@ -164,25 +211,10 @@ bool context_background_image_t::isValidImage(
     if (!size)
         return true;
 
+    // The header readers work on the file already open: the scan validates every file of the
+    // tree, and a second open, status and close per image was most of the validator's cost.
     QSize read_size(-1, -1);
-    bool read = false;
-    switch (detected) {
-    case JPEG:
-        read = readJPEG(path, read_size);
-        break;
-    case PNG:
-        read = readPNG(path, read_size);
-        break;
-    case GIF:
-        read = readGIF(path, read_size);
-        break;
-    case WEBP:
-        read = readWebP(path, read_size);
-        break;
-    case UNKNOWN:
-        break;
-    }
-    if (!read)
+    if (!file.seek(0) || !read_header_size(detected, file, read_size))
         return false;
     *size = read_size;
     return true;
@@ -205,46 +237,25 @@ context_background_image_t::ImageType context_background_image_t::detectType(
 bool context_background_image_t::readJPEG(const QString& path, QSize& size)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return false;
-    return read_jpeg_frame_size(file, size);
+    return file.open(QIODevice::ReadOnly) && read_jpeg_frame_size(file, size);
 }
 
 bool context_background_image_t::readPNG(const QString& path, QSize& size)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly) || !file.seek(8))
-        return false;
-    // Length, type, the 13 data bytes and the CRC of the first chunk, which must be IHDR.
-    const QByteArray chunk = read_padded(file, 25);
-    if (chunk.sliced(4, 4) != "IHDR")
-        return false;
-    size = QSize(int(big_endian_32(chunk, 8)), int(big_endian_32(chunk, 12)));
-    return true;
+    return file.open(QIODevice::ReadOnly) && read_png_size(file, size);
 }
 
 bool context_background_image_t::readGIF(const QString& path, QSize& size)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return false;
-    const QByteArray header = read_padded(file, 10);
-    if (!starts_with_gif_signature(header))
-        return false;
-    // Logical screen width and height.
-    size = QSize(int(little_endian_16(header, 6)), int(little_endian_16(header, 8)));
-    return true;
+    return file.open(QIODevice::ReadOnly) && read_gif_size(file, size);
 }
 
 bool context_background_image_t::readWebP(const QString& path, QSize& size)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return false;
-    // Four-character code of the first chunk, its size field, four payload bytes.
-    const QByteArray chunk = file.seek(12) ? read_padded(file, 12) : QByteArray(12, '\0');
-    size = QSize(int(little_endian_32(chunk, 4)), 0);
-    return true;
+    return file.open(QIODevice::ReadOnly) && read_webp_size(file, size);
 }
 
 } // namespace context_sync_engine
