@@ -6,11 +6,14 @@
 
 #include "common/log_capture_t.h"
 
+#include <QElapsedTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
+
+#include <utility>
 
 using context_sync_engine::context_monitor_t;
 using context_sync_engine::context_sync_t;
@@ -77,6 +80,23 @@ struct fixture_t {
         a->clear();
         b->clear();
         return true;
+    }
+
+    // Waits until the service has nothing more to say: the monitor is not updating and neither
+    // client has received anything for `quiet_ms` (a write can reach the watcher as two changes,
+    // the second one a debounce later, each followed by its broadcast).
+    bool wait_quiet(int quiet_ms = 1200, int timeout_ms = 15000)
+    {
+        QElapsedTimer timer;
+        timer.start();
+        while (timer.elapsed() < timeout_ms) {
+            const auto before = std::make_pair(a->responses.size(), b->responses.size());
+            settle(quiet_ms);
+            const bool updating = context_sync_test_peer_t::monitor(*host.service()).inUpdate();
+            if (!updating && before == std::make_pair(a->responses.size(), b->responses.size()))
+                return true;
+        }
+        return false;
     }
 
     // Waits until the watcher has taken in the tree as it is on disk (a broadcast list equal to
@@ -159,6 +179,7 @@ TEST(ContextSyncRequests, ListRequestWhileTheMonitorUpdatesIsNotAnswered)
     EXPECT_TRUE(f.host.files_object().contains(added));
 
     // Afterwards the same request is answered, to the requester only.
+    ASSERT_TRUE(f.wait_quiet());
     f.a->clear();
     f.b->clear();
     f.a->send(QStringLiteral("ctx_request"), QJsonObject());
