@@ -10,8 +10,11 @@
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QDirIterator>
+#include <QFile>
 #include <QFileInfo>
 #include <QJsonValue>
+
+#include <sys/stat.h>
 
 namespace context_sync_client {
 
@@ -90,6 +93,25 @@ bool context_tree_t::is_ignored(const QString& relative_path)
 
 file_map_t context_tree_t::scan_local(const QString& dir, QStringList* unreadable)
 {
+    return scan_local(dir, known_files_t(), unreadable);
+}
+
+bool context_tree_t::stamp_of(const QString& path, file_stamp_t* stamp)
+{
+    struct stat status { };
+    if (::lstat(QFile::encodeName(path).constData(), &status) != 0 || !S_ISREG(status.st_mode))
+        return false;
+    stamp->device = quint64(status.st_dev);
+    stamp->inode = quint64(status.st_ino);
+    stamp->size = qint64(status.st_size);
+    stamp->mtime_ns = qint64(status.st_mtim.tv_sec) * 1000000000 + status.st_mtim.tv_nsec;
+    stamp->ctime_ns = qint64(status.st_ctim.tv_sec) * 1000000000 + status.st_ctim.tv_nsec;
+    return true;
+}
+
+file_map_t context_tree_t::scan_local(
+    const QString& dir, const known_files_t& known, QStringList* unreadable)
+{
     file_map_t files;
     const QDir root(dir);
     if (!root.exists())
@@ -104,6 +126,14 @@ file_map_t context_tree_t::scan_local(const QString& dir, QStringList* unreadabl
         const QString relative = root.relativeFilePath(absolute);
         if (is_ignored(relative))
             continue;
+        const auto recorded = known.constFind(relative);
+        if (recorded != known.cend()) {
+            file_stamp_t now;
+            if (stamp_of(absolute, &now) && now == recorded->stamp) {
+                files.insert(relative, recorded->hash);
+                continue;
+            }
+        }
         const QString hash = context_sync_engine::context_monitor_t::compute_file_hash(absolute);
         if (hash.isEmpty()) {
             if (unreadable)

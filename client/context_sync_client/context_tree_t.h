@@ -12,6 +12,7 @@
 // local event loop. Owns nothing; emits no signals of its own.
 #pragma once
 
+#include <QHash>
 #include <QJsonObject>
 #include <QMap>
 #include <QString>
@@ -45,6 +46,29 @@ public:
         }
     };
 
+    // What identifies one version of a file without reading it: a file rewritten in place changes
+    // its size or its modification and change times, one replaced changes its inode.
+    struct file_stamp_t {
+        quint64 device = 0;
+        quint64 inode = 0;
+        qint64 size = -1;
+        qint64 mtime_ns = 0;
+        qint64 ctime_ns = 0;
+        bool operator==(const file_stamp_t& other) const
+        {
+            return device == other.device && inode == other.inode && size == other.size
+                && mtime_ns == other.mtime_ns && ctime_ns == other.ctime_ns;
+        }
+        bool operator!=(const file_stamp_t& other) const { return !(*this == other); }
+    };
+    // A hash already known for one version of a file, so that a scan need not read it again.
+    struct known_file_t {
+        QString hash;
+        file_stamp_t stamp;
+    };
+    // Relative path to what is known about it.
+    using known_files_t = QHash<QString, known_file_t>;
+
     explicit context_tree_t(client_connection_t& connection);
 
     // Asks for the server's list until one arrives (answer or broadcast) or `timeout_ms` passes.
@@ -63,6 +87,13 @@ public:
     // starting with "TMP_", in any case, are left out, as the server leaves them out), with its
     // MD5. Files that cannot be read are listed in `unreadable` and left out of the map.
     static file_map_t scan_local(const QString& dir, QStringList* unreadable = nullptr);
+    // The same, but a file of `known` whose stamp is still the one recorded takes the recorded
+    // hash instead of being read; any other file is hashed.
+    static file_map_t scan_local(
+        const QString& dir, const known_files_t& known, QStringList* unreadable = nullptr);
+    // The stamp of the file at `path` itself (a link is not followed); false when it cannot be
+    // had or is not a regular file.
+    static bool stamp_of(const QString& path, file_stamp_t* stamp);
     // MD5 hex of (MD5 hex of all paths joined in map order) followed by (MD5 hex of all hashes
     // joined in the same order): the server's "context_hash".
     static QString cumulative_hash(const file_map_t& files);

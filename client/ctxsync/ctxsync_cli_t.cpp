@@ -387,9 +387,21 @@ int ctxsync_cli_t::cmd_pull()
 
     file_download_t download(*connection_, dir);
     progress_line_t line(out_, progress_enabled(), QStringLiteral("pull"));
+    // The download renames a file into place only once its MD5 equals the list's, and reports the
+    // file finished right after (the count of finished files goes up). Its stamp taken then lets
+    // the final check below take the list's hash instead of reading the file a second time, for
+    // as long as nothing has rewritten or replaced it since.
+    context_tree_t::known_files_t finished;
+    int files_done = 0;
     QObject::connect(&download, &file_download_t::progress, &download,
-        [&line](qint64 bytes, int done, int total, const QString& current) {
+        [&](qint64 bytes, int done, int total, const QString& current) {
             line.update(bytes, done, total, current);
+            if (done == files_done)
+                return;
+            files_done = done;
+            context_tree_t::known_file_t file;
+            if (context_tree_t::stamp_of(QDir(dir).filePath(current), &file.stamp))
+                finished.insert(current, file);
         });
     const file_download_t::result_t result = download.run(wanted, timeout_ms_);
     line.finish();
@@ -410,16 +422,23 @@ int ctxsync_cli_t::cmd_pull()
     }
     QStringList pulled;
     bool refused = false;
+    context_tree_t::known_files_t known;
     for (const file_download_t::file_result_t& file : result.files) {
         if (file.ok) {
             pulled.append(file.path);
+            const auto stamped = finished.constFind(file.path);
+            if (stamped != finished.cend())
+                known.insert(file.path, { server.value(file.path), stamped->stamp });
         } else {
             refused = refused || file.refused;
             failed.append(QJsonObject {
                 { QStringLiteral("path"), file.path }, { QStringLiteral("error"), file.error } });
         }
     }
-    const bool in_step = context_tree_t::compare(context_tree_t::scan_local(dir), server).in_step();
+    // Every file is looked at again, so that one changed, added or removed during the download
+    // is noticed; only the files renamed into place by this pull and untouched since are not read.
+    const bool in_step
+        = context_tree_t::compare(context_tree_t::scan_local(dir, known), server).in_step();
     if (json_) {
         out_json({ { QStringLiteral("pulled"), to_array(pulled) },
             { QStringLiteral("deleted"), to_array(deleted) }, { QStringLiteral("failed"), failed },

@@ -9,6 +9,8 @@
 #include <QCryptographicHash>
 #include <QFile>
 
+#include <cstdio>
+
 #include <gtest/gtest.h>
 
 using context_sync_client::context_tree_t;
@@ -78,6 +80,86 @@ TEST(context_tree_t, ScanLeavesOutWorkingFilesHiddenFilesAndLinks)
 TEST(context_tree_t, ScanOfAMissingFolderIsEmpty)
 {
     EXPECT_TRUE(context_tree_t::scan_local(QStringLiteral("/nonexistent/ctxsync")).isEmpty());
+}
+
+TEST(context_tree_t, ScanTakesTheRecordedHashOfAFileWhoseStampIsUnchanged)
+{
+    test_support::temp_tree_t tree;
+    ASSERT_TRUE(tree.write(QStringLiteral("background/kept.png"), "kept"));
+    ASSERT_TRUE(tree.write(QStringLiteral("background/other.png"), "other"));
+    context_tree_t::known_file_t kept;
+    ASSERT_TRUE(
+        context_tree_t::stamp_of(tree.path(QStringLiteral("background/kept.png")), &kept.stamp));
+    // A hash that the file's bytes do not have: finding it in the result shows the file was not
+    // read.
+    kept.hash = md5("recorded");
+    const context_tree_t::known_files_t known { { QStringLiteral("background/kept.png"), kept } };
+
+    const file_map_t files = context_tree_t::scan_local(tree.root(), known);
+    EXPECT_EQ(files,
+        (file_map_t { { QStringLiteral("background/kept.png"), md5("recorded") },
+            { QStringLiteral("background/other.png"), md5("other") } }));
+}
+
+TEST(context_tree_t, ScanHashesAgainAFileRewrittenInPlaceSinceItsStamp)
+{
+    test_support::temp_tree_t tree;
+    ASSERT_TRUE(tree.write(QStringLiteral("a.png"), "before"));
+    context_tree_t::known_file_t known { md5("before"), {} };
+    ASSERT_TRUE(context_tree_t::stamp_of(tree.path(QStringLiteral("a.png")), &known.stamp));
+    QFile file(tree.path(QStringLiteral("a.png")));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    ASSERT_EQ(file.write("after, longer"), 13);
+    file.close();
+
+    const file_map_t files
+        = context_tree_t::scan_local(tree.root(), { { QStringLiteral("a.png"), known } });
+    EXPECT_EQ(files.value(QStringLiteral("a.png")), md5("after, longer"));
+}
+
+TEST(context_tree_t, ScanHashesAgainAFileReplacedSinceItsStamp)
+{
+    test_support::temp_tree_t tree;
+    ASSERT_TRUE(tree.write(QStringLiteral("a.png"), "before"));
+    context_tree_t::known_file_t known { md5("before"), {} };
+    ASSERT_TRUE(context_tree_t::stamp_of(tree.path(QStringLiteral("a.png")), &known.stamp));
+    // The same size, put in place by a rename as editors and sync tools do: only the inode
+    // tells the versions apart when both writes fall into one tick of the file system's clock.
+    ASSERT_TRUE(tree.write(QStringLiteral("new.png"), "BEFORE"));
+    ASSERT_EQ(std::rename(QFile::encodeName(tree.path(QStringLiteral("new.png"))).constData(),
+                  QFile::encodeName(tree.path(QStringLiteral("a.png"))).constData()),
+        0);
+
+    const file_map_t files
+        = context_tree_t::scan_local(tree.root(), { { QStringLiteral("a.png"), known } });
+    EXPECT_EQ(files, (file_map_t { { QStringLiteral("a.png"), md5("BEFORE") } }));
+}
+
+TEST(context_tree_t, ScanLeavesOutARecordedFileThatIsGone)
+{
+    test_support::temp_tree_t tree;
+    ASSERT_TRUE(tree.write(QStringLiteral("a.png"), "a"));
+    context_tree_t::known_file_t known { md5("a"), {} };
+    ASSERT_TRUE(context_tree_t::stamp_of(tree.path(QStringLiteral("a.png")), &known.stamp));
+    ASSERT_TRUE(tree.remove(QStringLiteral("a.png")));
+
+    EXPECT_TRUE(
+        context_tree_t::scan_local(tree.root(), { { QStringLiteral("a.png"), known } }).isEmpty());
+}
+
+TEST(context_tree_t, StampIsHadOnlyForARegularFileItself)
+{
+    test_support::temp_tree_t tree;
+    ASSERT_TRUE(tree.write(QStringLiteral("dir/a.png"), "abc"));
+    ASSERT_TRUE(
+        QFile::link(tree.path(QStringLiteral("dir/a.png")), tree.path(QStringLiteral("link"))));
+    context_tree_t::file_stamp_t stamp;
+    ASSERT_TRUE(context_tree_t::stamp_of(tree.path(QStringLiteral("dir/a.png")), &stamp));
+    EXPECT_EQ(stamp.size, 3);
+    EXPECT_NE(stamp.inode, 0u);
+    EXPECT_FALSE(context_tree_t::stamp_of(tree.path(QStringLiteral("link")), &stamp));
+    EXPECT_FALSE(context_tree_t::stamp_of(tree.path(QStringLiteral("dir")), &stamp));
+    EXPECT_FALSE(context_tree_t::stamp_of(tree.path(QStringLiteral("missing")), &stamp));
 }
 
 TEST(context_tree_t, IgnoredPathsHaveATmpComponentInAnyCase)
