@@ -74,11 +74,6 @@ QByteArray read_file(const QString& path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-QString md5_hex(const QByteArray& bytes)
-{
-    return QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex());
-}
-
 QString fixture_image(const QString& name)
 {
     return QStringLiteral(CONTEXT_SYNC_TEST_DATA_DIR "/images/") + name;

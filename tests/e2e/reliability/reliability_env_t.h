@@ -13,6 +13,7 @@
 
 #include "rr_test_support.h"
 
+#include "common/md5_hex.h"
 #include "common/mosquitto_broker_t.h"
 #include "common/temp_tree_t.h"
 
@@ -44,7 +45,7 @@ using snapshot_t = QMap<QString, QString>;
 snapshot_t snapshot(const QString& dir);
 
 QByteArray read_file(const QString& path);
-QString md5_hex(const QByteArray& bytes);
+using test_support::md5_hex;
 QString fixture_image(const QString& name);
 
 // The outcome of a program run to its end.

@@ -8,6 +8,7 @@
 #include "rr_test_support.h"
 
 #include "common/config_http_server_t.h"
+#include "common/md5_hex.h"
 #include "common/mosquitto_broker_t.h"
 #include "common/temp_tree_t.h"
 
@@ -23,6 +24,8 @@
 
 #include <csignal>
 
+using test_support::md5_hex;
+
 namespace {
 
 using server_e2e::server_process_t;
@@ -36,11 +39,6 @@ QByteArray read_file(const QString& path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-QString md5_hex(const QByteArray& bytes)
-{
-    return QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex());
 }
 
 // What the server must list for `paths`, relative to the context root `root` inside `tree`: path

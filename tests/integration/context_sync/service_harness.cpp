@@ -54,11 +54,6 @@ QByteArray background_image(qsizetype size, quint32 seed)
     return image;
 }
 
-QString md5_hex(const QByteArray& bytes)
-{
-    return QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex());
-}
-
 // ------------------------------------------------------------------------------------------------
 
 client_t::client_t(const test_support::mosquitto_broker_t& broker, const QString& id)

@@ -12,6 +12,7 @@
 #include "platform/database/database_t.h"
 
 #include "common/event_wait.h"
+#include "common/md5_hex.h"
 #include "common/mosquitto_broker_t.h"
 #include "common/temp_tree_t.h"
 
@@ -59,7 +60,7 @@ comunication::config::mosquittocnf_t settings(
 // `seed`, so that files of the same size still differ in hash.
 QByteArray background_image(qsizetype size, quint32 seed);
 QByteArray fixture(const QString& name);
-QString md5_hex(const QByteArray& bytes);
+using test_support::md5_hex;
 
 struct response_t {
     QString type;

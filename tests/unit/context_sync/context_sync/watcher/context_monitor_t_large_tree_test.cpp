@@ -4,6 +4,7 @@
 #include "context_sync/context_sync/watcher/context_monitor_t.h"
 
 #include "common/log_capture_t.h"
+#include "common/md5_hex.h"
 #include "common/temp_tree_t.h"
 #include "unit/context_sync/context_sync/watcher/background_png.h"
 
@@ -20,6 +21,7 @@
 using context_sync_engine::context_monitor_t;
 using test_support::log_capture_t;
 using test_support::make_background_png;
+using test_support::md5_hex;
 using test_support::temp_tree_t;
 
 namespace {
@@ -28,11 +30,6 @@ constexpr int kError = 2;
 // More than two watchers' shares (512 files each): three watchers hold the files.
 constexpr int kFiles = 1100;
 constexpr int kDistinctImages = 4;
-
-QString md5_hex(const QByteArray& bytes)
-{
-    return QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex());
-}
 
 QString image_name(int i)
 {

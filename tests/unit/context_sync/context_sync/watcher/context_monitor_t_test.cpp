@@ -3,6 +3,7 @@
 #include "context_sync/context_sync/watcher/context_monitor_t.h"
 
 #include "common/log_capture_t.h"
+#include "common/md5_hex.h"
 #include "common/temp_tree_t.h"
 
 #include <QCryptographicHash>
@@ -18,6 +19,7 @@
 
 using context_sync_engine::context_monitor_t;
 using test_support::log_capture_t;
+using test_support::md5_hex;
 using test_support::temp_tree_t;
 
 namespace {
@@ -25,11 +27,6 @@ namespace {
 constexpr int kError = 2;
 constexpr int kInfo = 4;
 constexpr int kTrace = 6;
-
-QString md5_hex(const QByteArray& bytes)
-{
-    return QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex());
-}
 
 QString empty_md5()
 {

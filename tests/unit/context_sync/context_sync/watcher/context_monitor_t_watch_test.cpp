@@ -4,6 +4,7 @@
 #include "context_sync/context_sync/watcher/context_monitor_t.h"
 
 #include "common/log_capture_t.h"
+#include "common/md5_hex.h"
 #include "common/temp_tree_t.h"
 #include "unit/context_sync/context_sync/watcher/background_png.h"
 
@@ -26,6 +27,7 @@
 using context_sync_engine::context_monitor_t;
 using test_support::log_capture_t;
 using test_support::make_background_png;
+using test_support::md5_hex;
 using test_support::temp_tree_t;
 
 namespace {
@@ -37,11 +39,6 @@ constexpr int kTrace = 6;
 constexpr int kSignalWaitMs = 8000;
 // How long to listen for a signal that must not come: past one whole debounce period.
 constexpr int kQuietMs = 1600;
-
-QString md5_hex(const QByteArray& bytes)
-{
-    return QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex());
-}
 
 QString cumulative_of(const QMap<QString, QString>& tree)
 {

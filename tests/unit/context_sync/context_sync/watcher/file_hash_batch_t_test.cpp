@@ -5,6 +5,7 @@
 
 #include "context_sync/context_sync/watcher/context_monitor_t.h"
 
+#include "common/md5_hex.h"
 #include "common/temp_tree_t.h"
 
 #include <QCryptographicHash>
@@ -22,16 +23,12 @@
 
 using context_sync_engine::context_monitor_t;
 using context_sync_engine::file_hash_batch_t;
+using test_support::md5_hex;
 using test_support::temp_tree_t;
 
 namespace {
 
 constexpr int kWaitMs = 8000;
-
-QString md5_hex(const QByteArray& bytes)
-{
-    return QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex());
-}
 
 qint64 realtime_ns()
 {
