@@ -285,6 +285,13 @@ void file_download_t::on_chunk(const QJsonObject& chunk)
             QStringLiteral("chunk %1 arrived before chunk %2").arg(index).arg(active_->next_index));
         return;
     }
+    // Acknowledged as soon as it is verified: the server paces its next chunk from this
+    // acknowledgement, so writing and hashing the chunk below overlap with that wait instead of
+    // adding to every round trip. A repeated chunk is acknowledged again: the first
+    // acknowledgement may have been lost. Should the write fail, the file fails here and the
+    // server's next chunk of it is ignored unacknowledged, which ends the server's transfer.
+    connection_.send(packet_t::ctx_chunk_ack.ToString(),
+        QJsonObject { { QStringLiteral("message"), codec_t::build_ack(path, index) } });
     if (index == active_->next_index) {
         if (active_->temp->write(decoded.bytes) != decoded.bytes.size()) {
             finish_file(path, false,
@@ -296,9 +303,6 @@ void file_download_t::on_chunk(const QJsonObject& chunk)
         ++active_->next_index;
         bytes_ += decoded.bytes.size();
     }
-    // A repeated chunk is acknowledged again: the first acknowledgement may have been lost.
-    connection_.send(packet_t::ctx_chunk_ack.ToString(),
-        QJsonObject { { QStringLiteral("message"), codec_t::build_ack(path, index) } });
     emit progress(bytes_, int(results_.size()), int(expected_.size()), path);
     if (active_->next_index < active_->total_chunks)
         return;

@@ -2,6 +2,7 @@
 
 #include "context_sync_client/client_connection_t.h"
 #include "context_sync_client/context_tree_t.h"
+#include "context_sync_client/upload_chunk_source_t.h"
 
 #include "context_sync/context_sync/context_background_image_t.h"
 #include "context_sync/context_sync/transfer_manager/chunk_codec_t.h"
@@ -10,8 +11,7 @@
 #include "platform/database/rr/definition/rr_packet_type_context_sync_t.h"
 #include "platform/logs/classlogs.h"
 
-#include <QCryptographicHash>
-#include <QDateTime>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 
@@ -151,6 +151,8 @@ file_upload_t::result_t file_upload_t::run(const QList<item_t>& items, int timeo
     qint64 completed_bytes = 0;
     bool failed = false;
     int done = 0;
+    QElapsedTimer clock;
+    clock.start();
     for (int n = 0; n < sendable.size(); ++n) {
         file_result_t& file = result.files[sendable[n]];
         if (failed) {
@@ -165,6 +167,7 @@ file_upload_t::result_t file_upload_t::run(const QList<item_t>& items, int timeo
         }
         ++done;
     }
+    result.transfer_ms = clock.elapsed();
     disconnect(link);
     result.bytes = bytes_;
 
@@ -208,38 +211,30 @@ file_upload_t::result_t file_upload_t::run(const QList<item_t>& items, int timeo
 bool file_upload_t::send_file(const item_t& item, int remaining, qint64 batch_bytes,
     qint64& completed_bytes, int timeout_ms, file_result_t& result, int files_done, int files_total)
 {
-    QFile file(item.local_path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        result.error
-            = QStringLiteral("cannot read %1: %2").arg(item.local_path, file.errorString());
+    codec_t::header_t header;
+    header.file = item.remote_path;
+    header.remaining_files = remaining;
+    // Integer quotient first, as the server's sender computes it: 0 until the batch is done.
+    header.percent = batch_bytes > 0 ? (completed_bytes / batch_bytes) * 100 : 0;
+    upload_chunk_source_t source(item.local_path, header, COMPRESSION_LEVEL);
+    if (!source.open()) {
+        result.error = source.error();
         return false;
     }
-    const qint64 size = file.size();
-    const qint64 total = codec_t::chunk_count(size);
-    QCryptographicHash hasher(QCryptographicHash::Md5);
-    QByteArray buffer;
-    for (qint64 index = 0; index < total; ++index) {
-        if (!codec_t::read_chunk(file, buffer)) {
-            result.error
-                = QStringLiteral("cannot read %1: %2").arg(item.local_path, file.errorString());
+    const qint64 total = source.total_chunks();
+    qint64 size = 0;
+    while (source.taken() < total) {
+        const qint64 index = source.taken();
+        const upload_chunk_source_t::chunk_t chunk = source.take();
+        if (!chunk.ok) {
+            result.error = source.error();
             return false;
         }
-        hasher.addData(buffer);
-        codec_t::header_t header;
-        header.file = item.remote_path;
-        header.chunk_index = int(index);
-        header.remaining_files = remaining;
-        header.total_chunks = total;
-        // Integer quotient first, as the server's sender computes it: 0 until the batch is done.
-        header.percent = batch_bytes > 0 ? (completed_bytes / batch_bytes) * 100 : 0;
-        header.speed = double(QDateTime::currentSecsSinceEpoch());
         ack_file_ = item.remote_path;
         ack_index_ = int(index);
         ack_matched_ = false;
-        // Requests carry their argument in "message"; answers carry the chunk as the payload.
-        connection_.send(packet_t::ctx_chunk.ToString(),
-            QJsonObject { { QStringLiteral("message"),
-                codec_t::build_chunk(header, buffer, COMPRESSION_LEVEL) } });
+        connection_.send_raw(chunk.body);
+        source.refill();
         const bool acknowledged = connection_.wait_until(
             [this] { return ack_matched_ || stopped_by_server_; }, timeout_ms);
         if (stopped_by_server_) {
@@ -257,11 +252,12 @@ bool file_upload_t::send_file(const item_t& item, int remaining, qint64 batch_by
                 kLogSource);
             return false;
         }
-        bytes_ += buffer.size();
+        size += chunk.raw_size;
+        bytes_ += chunk.raw_size;
         emit progress(bytes_, files_done, files_total, item.remote_path);
     }
     completed_bytes += size;
-    result.hash = QString::fromLatin1(hasher.result().toHex());
+    result.hash = source.file_hash();
     result.ok = true;
     return true;
 }

@@ -44,6 +44,9 @@ public:
     struct result_t {
         QList<file_result_t> files;
         qint64 bytes = 0;
+        // From the first chunk read until the last acknowledgement (or failure) of the batch:
+        // the chunk traffic alone, without connecting and without the verification afterwards.
+        qint64 transfer_ms = 0;
         bool timed_out = false;
         bool ok() const;
         bool any_refused() const;

@@ -522,7 +522,8 @@ int ctxsync_cli_t::cmd_push()
         }
     }
     if (json_)
-        out_json({ { QStringLiteral("files"), files } });
+        out_json({ { QStringLiteral("files"), files }, { QStringLiteral("bytes"), result.bytes },
+            { QStringLiteral("transfer_ms"), result.transfer_ms } });
     else
         for (const QString& problem : std::as_const(problems))
             err(QStringLiteral("refused: %1").arg(problem));

@@ -211,13 +211,12 @@ TEST_F(ctxsync_session, AnImageOfSeveralChunksTravelsBothWaysUnchanged)
     const QString name = QStringLiteral("padded_1048576.png");
     run_t result = run({ QStringLiteral("--json"), QStringLiteral("push"), image_path(name) });
     ASSERT_EQ(result.code, 0) << result.err.toStdString();
-    const QJsonObject pushed = QJsonDocument::fromJson(result.out.toUtf8())
-                                   .object()
-                                   .value(QStringLiteral("files"))
-                                   .toArray()
-                                   .first()
-                                   .toObject();
+    const QJsonObject document = QJsonDocument::fromJson(result.out.toUtf8()).object();
+    const QJsonObject pushed = document.value(QStringLiteral("files")).toArray().first().toObject();
     EXPECT_EQ(pushed.value(QStringLiteral("md5")).toString(), md5(image(name)));
+    EXPECT_EQ(document.value(QStringLiteral("bytes")).toInteger(), image(name).size());
+    EXPECT_TRUE(document.value(QStringLiteral("transfer_ms")).isDouble());
+    EXPECT_GE(document.value(QStringLiteral("transfer_ms")).toInteger(-1), 0);
     EXPECT_EQ(env.root().read(QStringLiteral("background/") + name), image(name));
 
     test_support::temp_tree_t pulled;

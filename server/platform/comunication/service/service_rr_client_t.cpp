@@ -55,12 +55,17 @@ void service_rr_client_t::stopping()
         QByteArrayLiteral("offline"));
 }
 
-void service_rr_client_t::send_request(const QString& type, const QJsonObject& payload)
+QByteArray service_rr_client_t::request_body(const QString& type, const QJsonObject& payload)
 {
     const QJsonObject body { { QStringLiteral("type"), type },
         { QStringLiteral("payload"), payload } };
     // Same text as QJsonDocument::toJson(Compact); much cheaper for a chunk's long Base64 data.
-    send_raw_request(utility::json_text_t::compact(body));
+    return utility::json_text_t::compact(body);
+}
+
+void service_rr_client_t::send_request(const QString& type, const QJsonObject& payload)
+{
+    send_raw_request(request_body(type, payload));
 }
 
 void service_rr_client_t::send_raw_request(const QByteArray& body)

@@ -41,6 +41,11 @@ public:
     QString getClientId() const;
     QString getRequestTopic() const;
 
+    // The text send_request() publishes for (`type`, `payload`). Pure, callable on any thread, so
+    // that a large request (an upload's chunk) can be built off the event loop and handed to
+    // send_raw_request().
+    static QByteArray request_body(const QString& type, const QJsonObject& payload);
+
     void receive(const QString& topic, const QByteArray& payload) override;
     // Called by the protoserver's housekeeping timer.
     void check_response_timeout();
