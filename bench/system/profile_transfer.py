@@ -14,6 +14,7 @@ previous build in the same session.
 Data comes from bench/system/system_bench.py's generators and lives in --work-dir.
 """
 import argparse
+import json
 import os
 import resource
 import shlex
@@ -101,20 +102,18 @@ def main():
             ok = rc == 0 and all(sb.same_file(os.path.join(dest, rel), path)
                                  for rel, path in images.items())
         else:
-            # The fixed part of a push (start, connection, settle, list), from a one-chunk file.
-            small = os.path.join(data, "small.bin")
-            with open(small, "wb") as f:
-                f.write(b"x" * 1000)
-            fixed = sb.ctxsync_run(server, ["push", small, "--to", "background/", "--force"],
-                                   "profile-push-small", 120)[2]
-            server_cpu = sb.proc_cpu_seconds(server.pid)
-            client_cpu = children_cpu()
             rc, out, seconds = sb.ctxsync_run(
-                server, ["push", source, "--to", "background/", "--force"], "profile-push", 120)
+                server, ["--json", "push", source, "--to", "background/", "--force"],
+                "profile-push", 120)
             ok = rc in (0, 5)
-            print(f"push: {seconds:.2f} s, of which {fixed:.2f} s fixed: "
-                  f"{(seconds - fixed) / chunks * 1000:.1f} ms per chunk, "
-                  f"{size / (seconds - fixed) / sb.MB:.1f} MB/s")
+            try:
+                transfer = json.loads(out)["transfer_ms"] / 1000.0
+            except (ValueError, KeyError, TypeError):
+                transfer, ok = seconds, False
+            # ctxsync's own time for its chunks: without start, connection, settle and list.
+            print(f"push: {seconds:.2f} s, of which {transfer:.2f} s chunks: "
+                  f"{transfer / chunks * 1000:.1f} ms per chunk, "
+                  f"{size / transfer / sb.MB:.1f} MB/s")
         server_cpu = sb.proc_cpu_seconds(server.pid) - server_cpu
         client_cpu = children_cpu() - client_cpu
     finally:
