@@ -2,6 +2,8 @@
 
 #include "ctxsync_cli_t.h"
 
+#include "utility/allocator_tuning_t.h"
+
 #include <QCoreApplication>
 
 #include <csignal>
@@ -15,6 +17,10 @@ void on_signal(int)
 
 int main(int argc, char** argv)
 {
+    // Chunks are parsed on the MQTT thread and decoded on this one; keeping their pages mapped
+    // saves about a third of the CPU per chunk (see allocator_tuning_t). ctxsync runs one command
+    // and exits, so nothing needs to be given back.
+    utility::allocator_tuning_t::keep_chunk_pages();
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("ctxsync"));
     QCoreApplication::setApplicationVersion(QStringLiteral(CONTEXT_SYNC_CLIENT_VERSION));

@@ -12,6 +12,7 @@
 #include "host/server_host_t.h"
 #include "host/signal_notifier_t.h"
 #include "platform/logs/classlogs.h"
+#include "utility/allocator_tuning_t.h"
 #include "utility/http_read_config_server_t.h"
 #include "utility/orvane_option_t.h"
 #include "utility/type_configuration_mode_t.h"
@@ -24,10 +25,6 @@
 
 #include <cstdio>
 
-#if defined(__GLIBC__)
-#include <malloc.h>
-#endif
-
 namespace {
 
 const char* const kLogSource = "server/host/context_sync_server";
@@ -39,42 +36,10 @@ const char* const kPlatform = "android_embedded";
 const char* const kPlatform = "linux";
 #endif
 
-// Every chunk sent or received makes several allocations of 0.5 to 1.4 MB (the compressed bytes,
-// their Base64, the JSON forms, the MQTT copy) on three threads. With glibc's defaults these come
-// from fresh mappings, or from arena tops that are trimmed again at free, so every chunk faults
-// its pages in anew: about a sixth of the server's CPU per chunk sent. Serving blocks below 4 MiB
-// from the heap and trimming it only when more than 16 MiB lie free at its top keeps those pages
-// mapped from one chunk to the next; larger blocks (an upload held whole) still get their own
-// mapping and go back to the system when freed. One arena for all threads: each further arena
-// would keep up to 16 MiB at its top, which glibc never gives back for any but the first one, so
-// a burst of transfers spread over several threads would leave tens of MB behind (ten pulls at
-// once cost no more CPU per chunk with the one arena). Set before any thread exists; an explicit
-// threshold also stops glibc from moving it on its own.
-#if defined(__GLIBC__) && defined(M_MMAP_THRESHOLD) && defined(M_TRIM_THRESHOLD)                   \
-    && defined(M_ARENA_MAX)
-#define CONTEXT_SYNC_TUNE_GLIBC_MALLOC 1
-#endif
-
-void tune_allocator()
-{
-#ifdef CONTEXT_SYNC_TUNE_GLIBC_MALLOC
-    mallopt(M_ARENA_MAX, 1);
-    mallopt(M_MMAP_THRESHOLD, 4 * 1024 * 1024);
-    mallopt(M_TRIM_THRESHOLD, 16 * 1024 * 1024);
-#endif
-}
-
-// The kept pages are only worth keeping while chunks flow: now and then every free page goes
-// back to the system, so that an idle server returns to its resting size (a round of page faults
-// per interval while transfers go on costs next to nothing).
+// The kept pages (see allocator_tuning_t) are only worth keeping while chunks flow: now and then
+// every free page goes back to the system, so that an idle server returns to its resting size (a
+// round of page faults per interval while transfers go on costs next to nothing).
 constexpr int kGiveBackIntervalMs = 10000;
-
-void give_back_free_memory()
-{
-#ifdef CONTEXT_SYNC_TUNE_GLIBC_MALLOC
-    malloc_trim(0);
-#endif
-}
 
 void print_error(const QString& message)
 {
@@ -223,7 +188,7 @@ int run(QCoreApplication& app, const host::host_options_t& command_line)
         return 1;
     }
     QTimer give_back;
-    give_back.callOnTimeout(&give_back_free_memory);
+    give_back.callOnTimeout(&utility::allocator_tuning_t::give_back_free_memory);
     give_back.start(kGiveBackIntervalMs);
     app.exec();
     give_back.stop();
@@ -237,7 +202,7 @@ int run(QCoreApplication& app, const host::host_options_t& command_line)
 
 int main(int argc, char** argv)
 {
-    tune_allocator();
+    utility::allocator_tuning_t::keep_chunk_pages();
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QString::fromLatin1(kProgram));
     QCoreApplication::setApplicationVersion(QStringLiteral(CONTEXT_SYNC_SERVER_VERSION));

@@ -1,6 +1,8 @@
 # Sources of server/utility that live in this folder; paths start with
 # ${CMAKE_CURRENT_LIST_DIR} because this file is included from its library's CMakeLists.txt.
 target_sources(context_sync PRIVATE
+    ${CMAKE_CURRENT_LIST_DIR}/allocator_tuning_t.h
+    ${CMAKE_CURRENT_LIST_DIR}/allocator_tuning_t.cpp
     ${CMAKE_CURRENT_LIST_DIR}/LogStream.h
     ${CMAKE_CURRENT_LIST_DIR}/LogStream.cpp
     ${CMAKE_CURRENT_LIST_DIR}/cnfserver.h
