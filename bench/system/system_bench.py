@@ -290,13 +290,28 @@ def run_parallel(server, jobs):
 # measurements
 
 
+def wait_quiet(pid, timeout=15.0):
+    """Waits until the process has used less than 10 ms of CPU in half a second (the work that a
+    scenario leaves behind, such as the senders of ten pulls being stopped and the lists
+    broadcast, must not count for the next one); gives up after `timeout` seconds."""
+    deadline = time.monotonic() + timeout
+    last = proc_cpu_seconds(pid)
+    while time.monotonic() < deadline:
+        time.sleep(0.5)
+        now = proc_cpu_seconds(pid)
+        if last is None or now is None or now - last < 0.01:
+            return
+        last = now
+
+
 class peak_t:
-    """The server's VmHWM over one scenario, with its CPU seconds."""
+    """The server's VmHWM over one scenario, with its CPU seconds, from a quiet server."""
 
     def __init__(self, server):
         self.server = server
 
     def __enter__(self):
+        wait_quiet(self.server.pid)
         self.reset = reset_peak(self.server.pid)
         self.rest_kb = proc_status(self.server.pid, "VmRSS")
         self.cpu = proc_cpu_seconds(self.server.pid)
