@@ -483,9 +483,12 @@ def main():
     root = os.path.join(work, "root") + "/"
     shutil.rmtree(root, ignore_errors=True)
     os.makedirs(os.path.join(root, "background"))
+    # Copies, not links: the pull folders link the same generated files, and every link made or
+    # removed changes the inode's ctime, which the server's rescan rightly takes for a change of
+    # the file (it would hash the whole root again after the next change of background/).
     for kind in KINDS:
         for rel, path in sets[kind].items():
-            os.link(path, os.path.join(root, rel))
+            shutil.copy2(path, os.path.join(root, rel))
 
     results = {"images": images, "image_size": IMAGE_SIZE, "set_size": set_size,
                "big_size": big_size, "ncpu": ncpu, "costs": costs}
