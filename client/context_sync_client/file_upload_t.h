@@ -1,8 +1,10 @@
 // file_upload_t pushes local files into the server's tree, in the chunk format that the server's
 // receiver reads: each file is read one chunk of 512000 bytes at a time (never whole), each chunk
 // is hashed, compressed and Base64-coded, sent, and its acknowledgement awaited before the next
-// one goes (stop-and-wait). A chunk without an acknowledgement within the time-out fails its file
-// and the rest of the batch.
+// one goes (stop-and-wait). The coding of the next chunks runs on worker threads while the
+// current one waits for its acknowledgement (upload_chunk_source_t), so that a chunk's round trip
+// overlaps with coding the next. A chunk without an acknowledgement within the time-out fails its
+// file and the rest of the batch.
 //
 // The server keeps only what may live in its tree (background images of the right kind, under
 // "background/") and deletes the rest after its next scan, without a message. So, once everything
@@ -11,8 +13,8 @@
 // placement_problem() tells beforehand, from the local file, why the server would refuse it.
 //
 // Thread: the owner's thread (that of the connection); run() spins the connection's local event
-// loop. Owns the file being read while it is sent. Signals: progress after every acknowledged
-// chunk.
+// loop, and the chunk source's workers code chunks meanwhile. Owns the file being read while it
+// is sent. Signals: progress after every acknowledged chunk.
 #pragma once
 
 #include <QList>
