@@ -18,8 +18,9 @@ void on_signal(int)
 int main(int argc, char** argv)
 {
     // Chunks are parsed on the MQTT thread and decoded on this one; keeping their pages mapped
-    // saves about a third of the CPU per chunk (see allocator_tuning_t). ctxsync runs one command
-    // and exits, so nothing needs to be given back.
+    // saves about a third of the CPU per chunk (see allocator_tuning_t). Transfers end with the
+    // command, and the one long-running command, watch, moves no chunks, so nothing needs to be
+    // given back.
     utility::allocator_tuning_t::keep_chunk_pages();
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("ctxsync"));

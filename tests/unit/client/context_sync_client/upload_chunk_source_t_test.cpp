@@ -7,8 +7,11 @@
 
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QThread>
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
 
 using context_sync_client::upload_chunk_source_t;
 using codec_t = context_sync_engine::chunk_codec_t;
@@ -44,31 +47,48 @@ TEST(upload_chunk_source_t, EveryChunkDecodesBackToItsPartOfTheFile)
     const QByteArray content
         = test_support::temp_tree_t::random_bytes(2 * codec_t::CHUNK_SIZE + 1234);
     ASSERT_TRUE(tree.write(QStringLiteral("big.bin"), content));
-    upload_chunk_source_t source(tree.path(QStringLiteral("big.bin")), shared_header(), 9);
-    ASSERT_TRUE(source.open()) << source.error().toStdString();
-    ASSERT_EQ(source.total_chunks(), 3);
+    // One chunk ahead, two, and more workers than chunks: the same bodies in the same order.
+    for (const int ahead : { 1, 2, upload_chunk_source_t::MAX_AHEAD }) {
+        SCOPED_TRACE(ahead);
+        upload_chunk_source_t source(
+            tree.path(QStringLiteral("big.bin")), shared_header(), 9, ahead);
+        EXPECT_EQ(source.ahead(), ahead);
+        ASSERT_TRUE(source.open()) << source.error().toStdString();
+        ASSERT_EQ(source.total_chunks(), 3);
 
-    QByteArray joined;
-    for (int index = 0; index < 3; ++index) {
-        EXPECT_EQ(source.taken(), index);
-        const upload_chunk_source_t::chunk_t chunk = source.take();
-        ASSERT_TRUE(chunk.ok);
-        QString type;
-        const QJsonObject object = chunk_of(chunk.body, &type);
-        EXPECT_EQ(type, QStringLiteral("ctx_chunk"));
-        const codec_t::decoded_t decoded = codec_t::decode_chunk(object);
-        ASSERT_TRUE(decoded.valid);
-        EXPECT_EQ(decoded.fields.header.file, QStringLiteral("background/big.bin"));
-        EXPECT_EQ(decoded.fields.header.chunk_index, index);
-        EXPECT_EQ(decoded.fields.header.total_chunks, 3);
-        EXPECT_EQ(decoded.fields.header.remaining_files, 3);
-        EXPECT_EQ(decoded.fields.compression, 9);
-        EXPECT_EQ(chunk.raw_size, decoded.bytes.size());
-        joined += decoded.bytes;
+        QByteArray joined;
+        for (int index = 0; index < 3; ++index) {
+            EXPECT_EQ(source.taken(), index);
+            const upload_chunk_source_t::chunk_t chunk = source.take();
+            ASSERT_TRUE(chunk.ok);
+            source.refill();
+            QString type;
+            const QJsonObject object = chunk_of(chunk.body, &type);
+            EXPECT_EQ(type, QStringLiteral("ctx_chunk"));
+            const codec_t::decoded_t decoded = codec_t::decode_chunk(object);
+            ASSERT_TRUE(decoded.valid);
+            EXPECT_EQ(decoded.fields.header.file, QStringLiteral("background/big.bin"));
+            EXPECT_EQ(decoded.fields.header.chunk_index, index);
+            EXPECT_EQ(decoded.fields.header.total_chunks, 3);
+            EXPECT_EQ(decoded.fields.header.remaining_files, 3);
+            EXPECT_EQ(decoded.fields.compression, 9);
+            EXPECT_EQ(chunk.raw_size, decoded.bytes.size());
+            joined += decoded.bytes;
+        }
+        EXPECT_EQ(source.taken(), 3);
+        EXPECT_EQ(joined, content);
+        EXPECT_EQ(source.file_hash(), test_support::md5_hex(content));
     }
-    EXPECT_EQ(source.taken(), 3);
-    EXPECT_EQ(joined, content);
-    EXPECT_EQ(source.file_hash(), test_support::md5_hex(content));
+}
+
+TEST(upload_chunk_source_t, AskingForNoWorkerCountTakesOnePerCoreWithinTheLimit)
+{
+    test_support::temp_tree_t tree;
+    upload_chunk_source_t source(tree.path(QStringLiteral("any.bin")), shared_header(), 9);
+    EXPECT_EQ(source.ahead(),
+        std::clamp(QThread::idealThreadCount(), 1, upload_chunk_source_t::MAX_AHEAD));
+    upload_chunk_source_t capped(tree.path(QStringLiteral("any.bin")), shared_header(), 9, 1000);
+    EXPECT_EQ(capped.ahead(), upload_chunk_source_t::MAX_AHEAD);
 }
 
 TEST(upload_chunk_source_t, AFileOfWholeChunksEndsWithoutAnEmptyChunk)
