@@ -250,25 +250,26 @@ int ctxsync_cli_t::parse(const QStringList& arguments)
         err(QStringLiteral("--cert and --key need --cafile"));
         return exit_usage;
     }
-    if (parser.isSet(timeout)) {
+    // A number of seconds in (0, 86400], as milliseconds; -1 when the text is not one.
+    const auto milliseconds = [this, &parser](const QCommandLineOption& option) -> qint64 {
         bool ok = false;
-        const double seconds = parser.value(timeout).toDouble(&ok);
-        if (!ok || seconds <= 0 || seconds > 86400) {
-            err(QStringLiteral("--timeout wants a number of seconds, not \"%1\"")
-                    .arg(parser.value(timeout)));
+        const double seconds = parser.value(option).toDouble(&ok);
+        if (ok && seconds > 0 && seconds <= 86400)
+            return qint64(seconds * 1000);
+        err(QStringLiteral("--%1 wants a number of seconds, not \"%2\"")
+                .arg(option.names().first(), parser.value(option)));
+        return -1;
+    };
+    if (parser.isSet(timeout)) {
+        const qint64 value = milliseconds(timeout);
+        if (value < 0)
             return exit_usage;
-        }
-        timeout_ms_ = int(seconds * 1000);
+        timeout_ms_ = int(value);
     }
     if (parser.isSet(deadline)) {
-        bool ok = false;
-        const double seconds = parser.value(deadline).toDouble(&ok);
-        if (!ok || seconds <= 0 || seconds > 86400) {
-            err(QStringLiteral("--deadline wants a number of seconds, not \"%1\"")
-                    .arg(parser.value(deadline)));
+        deadline_ms_ = milliseconds(deadline);
+        if (deadline_ms_ < 0)
             return exit_usage;
-        }
-        deadline_ms_ = qint64(seconds * 1000);
     }
     if (parser.isSet(to)) {
         to_ = parser.value(to);
