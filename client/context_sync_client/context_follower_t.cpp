@@ -6,6 +6,7 @@
 #include "platform/database/rr/definition/rr_packet_service_t.h"
 #include "platform/database/rr/definition/rr_packet_type_context_sync_t.h"
 #include "platform/logs/classlogs.h"
+#include "utility/allocator_tuning_t.h"
 
 #include <QCryptographicHash>
 #include <QDateTime>
@@ -294,6 +295,10 @@ context_follower_t::round_t context_follower_t::check()
         options.deadline_ms = kDownloadDeadlineMs;
         options.cancelled = [this] { return stopping(); };
         const file_download_t::result_t result = download.run(wanted, options);
+        // The chunks' buffers stay mapped during a transfer (see allocator_tuning_t); between
+        // changes of the tree, which may be weeks apart, the process goes back to its resting
+        // size.
+        utility::allocator_tuning_t::give_back_free_memory();
         if (result.cancelled || stopping())
             return round_t::stopped;
         gone = result.server_gone;
