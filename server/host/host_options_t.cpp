@@ -27,6 +27,9 @@ const option_row_t kRows[] = {
         "(default: <parent of the root>/context_sync_state)" },
     { "broker", "HOST:PORT", "MQTT broker, overriding the one in comunication.json" },
     { "log-level", "N", "most verbose log level, 0 (fatal only) to 6 (trace); default 4" },
+    { "chunk-cache-mb", "N",
+        "MiB of encoded chunks kept for other clients of the same file; 0 turns\n"
+        "the cache off (default 32)" },
     { "help", nullptr, "print this help and exit" },
     { "version", nullptr, "print the version and exit" },
 };
@@ -129,6 +132,18 @@ bool host_options_t::parse(const QStringList& arguments, host_options_t& options
             return false;
         }
         options.log_level = number;
+    }
+    if (parser.isSet(QStringLiteral("chunk-cache-mb"))) {
+        const QString size = parser.value(QStringLiteral("chunk-cache-mb"));
+        bool ok = false;
+        const int number = size.toInt(&ok);
+        if (!ok || number < 0 || number > max_chunk_cache_mb) {
+            error = QStringLiteral("Invalid value for '--chunk-cache-mb': '%1' (expected 0 to %2).")
+                        .arg(size)
+                        .arg(max_chunk_cache_mb);
+            return false;
+        }
+        options.chunk_cache_mb = number;
     }
     return true;
 }

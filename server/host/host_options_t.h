@@ -9,6 +9,7 @@
 //   --state-dir DIR       where comunication.json and the logs go when the settings name no folder
 //   --broker HOST:PORT    MQTT broker, overriding the one in comunication.json
 //   --log-level N         0..6, most verbose level written to the console and the log file
+//   --chunk-cache-mb N    MiB of encoded chunks shared by the file senders (0: off; default 32)
 //   --help, --version
 //
 // Plain value type: no thread affinity, no signals.
@@ -25,6 +26,8 @@ public:
 
     // Exit status of a command line that cannot be obeyed.
     static constexpr int usage_exit_code = 2;
+    // Largest accepted --chunk-cache-mb.
+    static constexpr int max_chunk_cache_mb = 4096;
 
     // Parses `arguments` (the program name first, as QCoreApplication::arguments() gives them).
     // On failure returns false and sets `error` to one sentence naming the culprit.
@@ -42,6 +45,7 @@ public:
     QString broker_host; // empty: no override
     int broker_port = 0;
     int log_level = -1; // -1: the options object's defaults
+    int chunk_cache_mb = -1; // -1: the options object's default
 };
 
 } // namespace host

@@ -6,6 +6,7 @@
 // cannot be obeyed, 1 when the server cannot start (context root or settings file unusable).
 
 #include "context_sync/context_sync/context_sync_t.h"
+#include "context_sync/context_sync/transfer_manager/chunk_cache_t.h"
 #include "context_sync/library_info.h"
 #include "host/host_options_t.h"
 #include "host/host_settings_t.h"
@@ -157,6 +158,8 @@ int run(QCoreApplication& app, const host::host_options_t& command_line)
         options->set_log_level_std(unsigned(command_line.log_level));
         options->set_log_level_file(unsigned(command_line.log_level));
     }
+    if (command_line.chunk_cache_mb >= 0)
+        options->set_chunk_cache_size(qint64(command_line.chunk_cache_mb) * 1024 * 1024);
 
     // Now that the settings are known, the facility starts again with its file; nothing runs on
     // other threads yet, so no line falls between the two.
@@ -167,6 +170,16 @@ int run(QCoreApplication& app, const host::host_options_t& command_line)
             .arg(QString::fromLatin1(kProgram), options->Version(), root, options->ClientFolder()),
         4, kLogSource);
     options->print();
+    // Before the service exists, so that no sender is running yet.
+    context_sync_engine::chunk_cache_t::shared().set_capacity(options->ChunkCacheSize());
+    if (options->ChunkCacheSize() > 0) {
+        ORVANE_LOG(QStringLiteral("Chunk cache: %1 bytes shared by the file senders")
+                       .arg(options->ChunkCacheSize()),
+            4, kLogSource);
+    } else {
+        ORVANE_LOG(QStringLiteral("Chunk cache off: every chunk is compressed for each client"), 4,
+            kLogSource);
+    }
 
     const comunication::config::mosquittocnf_t cnf = host::host_settings_t::mqtt_settings(
         options->ClientFolder(), command_line.broker_host, command_line.broker_port);

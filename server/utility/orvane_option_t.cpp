@@ -96,6 +96,7 @@ void orvane_option_t::setDefaultOption()
     delay_to_save = 500;
     delay_iteration_to_force_save = 5;
     update_date_time_to_database = 600;
+    chunk_cache_size = DEFAULT_CHUNK_CACHE_SIZE;
     level_bus_monitor = 0;
     configuration_mode = type_configuration_mode_t::http;
 }

@@ -36,6 +36,8 @@ public:
     static void destroyInstance();
 
     static const QString default_language;
+    // Default of ChunkCacheSize: 32 MiB.
+    static constexpr qint64 DEFAULT_CHUNK_CACHE_SIZE = qint64(32) * 1024 * 1024;
     static const QString unknown_language;
 
     void setDefaultOption();
@@ -91,6 +93,8 @@ public:
     int DelayToSave() const { return delay_to_save; }
     int DelayIterationToForceSave() const { return delay_iteration_to_force_save; }
     int UpdateDateTimeToDatabase() const { return update_date_time_to_database; }
+    // Bytes of encoded chunks the file senders share (0: no cache).
+    qint64 ChunkCacheSize() const { return chunk_cache_size; }
     type_configuration_mode_t ConfigurationMode() const { return configuration_mode; }
 
     void set_log_rotate(unsigned value) { log_rotate = value; }
@@ -118,6 +122,7 @@ public:
     void set_delay_to_save(int value) { delay_to_save = value; }
     void set_delay_iteration_to_force_save(int value) { delay_iteration_to_force_save = value; }
     void set_update_date_time_to_database(int value) { update_date_time_to_database = value; }
+    void set_chunk_cache_size(qint64 value) { chunk_cache_size = value; }
     void set_configuration_mode(const type_configuration_mode_t& value)
     {
         configuration_mode = value;
@@ -169,6 +174,7 @@ private:
     int delay_to_save = 500;
     int delay_iteration_to_force_save = 5;
     int update_date_time_to_database = 600;
+    qint64 chunk_cache_size = DEFAULT_CHUNK_CACHE_SIZE;
     type_configuration_mode_t configuration_mode = type_configuration_mode_t::http;
 };
 

@@ -450,6 +450,9 @@ TEST(ContextSyncServerCommandLine, BadOptionsAreUsageErrorsWithExitCodeTwo)
         { { "--broker", ":1883" }, "Invalid value for '--broker': ':1883'" },
         { { "--log-level", "9" }, "Invalid value for '--log-level': '9' (expected 0 to 6)." },
         { { "--log-level", "high" }, "Invalid value for '--log-level': 'high'" },
+        { { "--chunk-cache-mb", "-1" },
+            "Invalid value for '--chunk-cache-mb': '-1' (expected 0 to 4096)." },
+        { { "--chunk-cache-mb", "lots" }, "Invalid value for '--chunk-cache-mb': 'lots'" },
         { { "--config", "a.json", "--config-server", "http://127.0.0.1:4321/" },
             "Options '--config' and '--config-server' exclude each other." },
         { { "--config-server", "ftp://127.0.0.1/" }, "Invalid value for '--config-server'" },
@@ -475,8 +478,9 @@ TEST(ContextSyncServerCommandLine, HelpAndVersionPrintAndExitZero)
     QString err;
     ASSERT_EQ(server_process_t::run({ "--help" }, out, err), 0);
     EXPECT_TRUE(out.startsWith(QStringLiteral("Usage: context_sync_server [options]")));
-    for (const char* option : { "--root DIR", "--config FILE", "--config-server URL",
-             "--broker HOST:PORT", "--log-level N", "--state-dir DIR", "--help", "--version" })
+    for (const char* option :
+        { "--root DIR", "--config FILE", "--config-server URL", "--broker HOST:PORT",
+            "--log-level N", "--chunk-cache-mb N", "--state-dir DIR", "--help", "--version" })
         EXPECT_TRUE(out.contains(QLatin1String(option))) << option;
     EXPECT_TRUE(err.isEmpty());
 

@@ -1,5 +1,7 @@
 #include "context_sync/context_sync/transfer_manager/chunk_codec_t.h"
 
+#include "context_sync/context_sync/transfer_manager/chunk_cache_t.h"
+
 #include <QCryptographicHash>
 #include <QIODevice>
 #include <QJsonValue>
@@ -196,20 +198,41 @@ QByteArray chunk_codec_t::encode_payload(QByteArrayView raw, int level)
         .toBase64();
 }
 
+namespace {
+
+QJsonObject chunk_object(const chunk_codec_t::header_t& header, const QByteArray& base64,
+    int compression, const QString& hash)
+{
+    QJsonObject chunk;
+    chunk.insert(chunk_codec_t::KEY_FILE, header.file);
+    chunk.insert(chunk_codec_t::KEY_CHUNK_INDEX, header.chunk_index);
+    chunk.insert(chunk_codec_t::KEY_REMAINING_FILES, header.remaining_files);
+    chunk.insert(chunk_codec_t::KEY_TOTAL_CHUNKS, header.total_chunks);
+    chunk.insert(chunk_codec_t::KEY_DATA, QJsonValue(QLatin1StringView(base64)));
+    chunk.insert(chunk_codec_t::KEY_COMPRESSION, compression);
+    chunk.insert(chunk_codec_t::KEY_HASH, hash);
+    chunk.insert(chunk_codec_t::KEY_PERCENT, header.percent);
+    chunk.insert(chunk_codec_t::KEY_SPEED, header.speed);
+    return chunk;
+}
+
+} // namespace
+
 QJsonObject chunk_codec_t::build_chunk(const header_t& header, QByteArrayView raw, int level)
 {
-    const QByteArray base64 = encode_payload(raw, level);
-    QJsonObject chunk;
-    chunk.insert(KEY_FILE, header.file);
-    chunk.insert(KEY_CHUNK_INDEX, header.chunk_index);
-    chunk.insert(KEY_REMAINING_FILES, header.remaining_files);
-    chunk.insert(KEY_TOTAL_CHUNKS, header.total_chunks);
-    chunk.insert(KEY_DATA, QJsonValue(QLatin1StringView(base64)));
-    chunk.insert(KEY_COMPRESSION, effective_compression(level));
-    chunk.insert(KEY_HASH, hash_hex(raw));
-    chunk.insert(KEY_PERCENT, header.percent);
-    chunk.insert(KEY_SPEED, header.speed);
-    return chunk;
+    return chunk_object(
+        header, encode_payload(raw, level), effective_compression(level), hash_hex(raw));
+}
+
+QJsonObject chunk_codec_t::build_chunk(
+    const header_t& header, QByteArrayView raw, int level, chunk_cache_t& cache)
+{
+    // One MD5 serves as the cache key and, in hexadecimal, as the chunk's "hash".
+    const QByteArray md5 = QCryptographicHash::hash(raw, QCryptographicHash::Md5);
+    const int compression = effective_compression(level);
+    const QByteArray base64 = cache.encoded(chunk_cache_t::make_key(md5, raw.size(), compression),
+        [raw, compression] { return encode_payload(raw, compression); });
+    return chunk_object(header, base64, compression, QString::fromLatin1(md5.toHex()));
 }
 
 bool chunk_codec_t::read_chunk(QIODevice& device, QByteArray& buffer)

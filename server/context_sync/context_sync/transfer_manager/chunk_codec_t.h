@@ -21,6 +21,8 @@ class QIODevice;
 
 namespace context_sync_engine {
 
+class chunk_cache_t;
+
 class CONTEXT_SYNC_EXPORT chunk_codec_t {
 public:
     // Size of every chunk but the last of a file.
@@ -90,6 +92,10 @@ public:
 
     // The nine-key chunk object for the raw chunk bytes `raw`.
     static QJsonObject build_chunk(const header_t& header, QByteArrayView raw, int level);
+    // The same object, byte for byte, with the "data" text taken from `cache` when these raw bytes
+    // were encoded at this level before (by any sender), else encoded and stored there.
+    static QJsonObject build_chunk(
+        const header_t& header, QByteArrayView raw, int level, chunk_cache_t& cache);
 
     // Reads up to CHUNK_SIZE bytes from the current position of `device` into `buffer`, reusing
     // its allocation; returns false on a read error (buffer then empty).

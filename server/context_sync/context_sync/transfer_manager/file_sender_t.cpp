@@ -1,5 +1,6 @@
 #include "context_sync/context_sync/transfer_manager/file_sender_t.h"
 
+#include "context_sync/context_sync/transfer_manager/chunk_cache_t.h"
 #include "context_sync/context_sync/transfer_manager/chunk_codec_t.h"
 #include "context_sync/context_sync/transfer_manager/path_safety_t.h"
 #include "context_sync/context_sync/watcher/context_monitor_t.h"
@@ -256,8 +257,11 @@ void file_sender_t::send_chunk(quint64 scheduled)
     // The quotient is taken first, so this stays 0 until the batch is complete.
     header.percent = batch_bytes > 0 ? (completed_bytes / batch_bytes) * 100 : 0;
     header.speed = last_send_time;
-    emit publish_chunk(
-        client_id, chunk_codec_t::build_chunk(header, chunk_buffer, COMPRESSION_LEVEL.load()));
+    // The "data" text comes from the cache shared by all senders when another client was sent
+    // the same bytes lately: the chunk is then not compressed again.
+    emit publish_chunk(client_id,
+        chunk_codec_t::build_chunk(
+            header, chunk_buffer, COMPRESSION_LEVEL.load(), chunk_cache_t::shared()));
 
     // Only %1 is filled: the literal "%8" is part of the line.
     ORVANE_LOG(

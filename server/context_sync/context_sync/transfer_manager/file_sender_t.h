@@ -12,6 +12,10 @@
 // then overallProgressUpdated per finished file; in_upload_change when the busy flag flips;
 // timeout_occurred when an acknowledgement does not come. All carry the client id first.
 //
+// Chunk texts (the Base64 of the compressed bytes) are shared by all senders through
+// chunk_cache_t::shared(), keyed by the content of the chunk, so that a file sent to many clients
+// is compressed once.
+//
 // Pacing is shared by all senders through the static intervals, which the service rewrites as
 // senders come and go; they are atomics so that writer and readers on different threads are safe.
 // stop() emits in_upload_change while holding queue_lock: connect to it only with queued

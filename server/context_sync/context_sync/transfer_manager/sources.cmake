@@ -3,6 +3,8 @@
 target_sources(context_sync PRIVATE
     ${CMAKE_CURRENT_LIST_DIR}/chunk_codec_t.h
     ${CMAKE_CURRENT_LIST_DIR}/chunk_codec_t.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/chunk_cache_t.h
+    ${CMAKE_CURRENT_LIST_DIR}/chunk_cache_t.cpp
     ${CMAKE_CURRENT_LIST_DIR}/path_safety_t.h
     ${CMAKE_CURRENT_LIST_DIR}/path_safety_t.cpp
     ${CMAKE_CURRENT_LIST_DIR}/file_sender_t.h
