@@ -1,0 +1,37 @@
+// context-sync-client/node: everything of the main entry, plus connections over TCP, TLS and
+// WebSocket (through `ws`) and the folder operations of NodeContextSyncClient.
+import WebSocket from 'ws';
+import { NodeContextSyncClient } from './node_client.js';
+import { connect as connectCore } from '../connection.js';
+
+export * from '../index.js';
+export { NodeContextSyncClient } from './node_client.js';
+export { FolderSink, TEMP_PREFIX } from './folder_sink.js';
+export { scanFolder, fileMd5 } from './scan.js';
+
+/**
+ * connect() for Node: WebSocket URLs open through `ws` (with the TLS options of `options`).
+ * @param {import('../connection.js').ConnectOptions} [options]
+ */
+export function connect(options = {}) {
+    return connectCore({
+        createWebSocket: (url, protocols) =>
+            new WebSocket(url, protocols, {
+                ca: options.ca,
+                cert: options.cert,
+                key: options.key,
+                rejectUnauthorized: options.rejectUnauthorized ?? true,
+                maxPayload: 256 * 1024 * 1024,
+            }),
+        ...options,
+    });
+}
+
+/**
+ * Connects and returns a NodeContextSyncClient.
+ * @param {import('../connection.js').ConnectOptions} [options]
+ * @returns {Promise<NodeContextSyncClient>}
+ */
+export async function connectClient(options) {
+    return new NodeContextSyncClient(await connect(options));
+}

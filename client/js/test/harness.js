@@ -1,0 +1,143 @@
+// Test support: a real mosquitto on a free loopback port, the real context_sync_server on a
+// temporary context root, a websockify in front of the broker for the WebSocket path, and runs
+// of the real ctxsync. Paths of the programs come from the environment (set by CTest):
+// CONTEXT_SYNC_SERVER, CTXSYNC; the defaults are those of the dev build.
+import { spawn, execFile } from 'node:child_process';
+import { promises as fs } from 'node:fs';
+import net from 'node:net';
+import os from 'node:os';
+import path from 'node:path';
+import { fileURLToPath } from 'node:url';
+
+const here = path.dirname(fileURLToPath(import.meta.url));
+export const SOURCE_DIR = path.resolve(here, '../../..');
+export const IMAGES_DIR = path.join(SOURCE_DIR, 'tests/data/images');
+export const SERVER = process.env.CONTEXT_SYNC_SERVER ?? path.join(SOURCE_DIR, 'build/dev/server/host/context_sync_server');
+export const CTXSYNC = process.env.CTXSYNC ?? path.join(SOURCE_DIR, 'build/dev/client/ctxsync');
+
+export async function freePort() {
+    return new Promise((resolve, reject) => {
+        const server = net.createServer();
+        server.listen(0, '127.0.0.1', () => {
+            const { port } = server.address();
+            server.close(() => resolve(port));
+        });
+        server.on('error', reject);
+    });
+}
+
+async function waitForPort(port, child, timeoutMs = 10000) {
+    const end = Date.now() + timeoutMs;
+    while (Date.now() < end) {
+        if (child.exitCode !== null) throw new Error(`process exited with ${child.exitCode}`);
+        const ok = await new Promise((resolve) => {
+            const socket = net.connect(port, '127.0.0.1');
+            socket.once('connect', () => {
+                socket.destroy();
+                resolve(true);
+            });
+            socket.once('error', () => resolve(false));
+        });
+        if (ok) return;
+        await new Promise((r) => setTimeout(r, 30));
+    }
+    throw new Error(`nothing listens on ${port}`);
+}
+
+export async function tempDir(name = 'ctxjs') {
+    return fs.mkdtemp(path.join(os.tmpdir(), `${name}-`));
+}
+
+/** Runs a program to its end; resolves {code, stdout, stderr}. */
+export function run(program, args, options = {}) {
+    return new Promise((resolve) => {
+        execFile(program, args, { maxBuffer: 64 << 20, timeout: options.timeoutMs ?? 60000, ...options }, (error, stdout, stderr) =>
+            resolve({ code: error ? (typeof error.code === 'number' ? error.code : -1) : 0, stdout, stderr }),
+        );
+    });
+}
+
+/**
+ * Broker + server + websockify. `env.brokerUrl` (mqtt://), `env.wsUrl` (ws://), `env.root` (the
+ * server's context root), `env.ctxsync(args)`.
+ */
+export class TestEnvironment {
+    async start({ websocket = true } = {}) {
+        this.dir = await tempDir('ctxjs-env');
+        this.root = path.join(this.dir, 'root');
+        this.state = path.join(this.dir, 'state');
+        await fs.mkdir(path.join(this.root, 'background'), { recursive: true });
+        await fs.mkdir(this.state);
+        this.brokerPort = await freePort();
+        const conf = path.join(this.dir, 'mosquitto.conf');
+        await fs.writeFile(
+            conf,
+            ['log_dest stderr', 'log_type error', 'user root', 'persistence false', 'set_tcp_nodelay true', `listener ${this.brokerPort} 127.0.0.1`, 'allow_anonymous true', ''].join('\n'),
+        );
+        this.children = [];
+        this.broker = this.spawn('mosquitto', ['-c', conf]);
+        await waitForPort(this.brokerPort, this.broker);
+        this.brokerUrl = `mqtt://127.0.0.1:${this.brokerPort}`;
+        this.brokerText = `127.0.0.1:${this.brokerPort}`;
+        if (websocket) {
+            this.wsPort = await freePort();
+            this.websockify = this.spawn('websockify', [`127.0.0.1:${this.wsPort}`, `127.0.0.1:${this.brokerPort}`]);
+            await waitForPort(this.wsPort, this.websockify);
+            this.wsUrl = `ws://127.0.0.1:${this.wsPort}/`;
+        }
+        await this.startServer();
+        return this;
+    }
+
+    spawn(program, args) {
+        const child = spawn(program, args, { stdio: ['ignore', 'ignore', 'pipe'] });
+        child.output = '';
+        child.stderr.on('data', (d) => (child.output += d));
+        this.children.push(child);
+        return child;
+    }
+
+    async startServer() {
+        this.server = spawn(SERVER, ['--root', this.root + '/', '--state-dir', this.state, '--broker', this.brokerText, '--log-level', '2'], {
+            stdio: ['ignore', 'pipe', 'pipe'],
+        });
+        this.server.output = '';
+        this.server.stdout.on('data', (d) => (this.server.output += d));
+        this.server.stderr.on('data', (d) => (this.server.output += d));
+        this.children.unshift(this.server);
+        // The retained status turns "online" once the service has subscribed.
+        const end = Date.now() + 15000;
+        while (Date.now() < end) {
+            const { stdout } = await run('mosquitto_sub', ['-h', '127.0.0.1', '-p', String(this.brokerPort), '-t', 'orvane/rr/context_sync/status', '-C', '1', '-W', '1']);
+            if (stdout.trim() === 'online') return;
+            if (this.server.exitCode !== null) throw new Error(`server exited: ${this.server.output}`);
+        }
+        throw new Error(`server not online: ${this.server.output}`);
+    }
+
+    ctxsync(args, options) {
+        return run(CTXSYNC, ['--broker', this.brokerText, ...args], options);
+    }
+
+    async stop() {
+        for (const child of this.children) {
+            if (child.exitCode === null && child.signalCode === null) {
+                const exited = new Promise((r) => child.once('exit', r));
+                child.kill('SIGTERM');
+                await Promise.race([exited, new Promise((r) => setTimeout(r, 5000))]);
+                if (child.exitCode === null && child.signalCode === null) child.kill('SIGKILL');
+            }
+        }
+        await fs.rm(this.dir, { recursive: true, force: true });
+    }
+}
+
+/** Waits until `predicate` (async) is true, polling every 100 ms; false after `timeoutMs`. */
+export async function eventually(predicate, timeoutMs = 10000) {
+    const end = Date.now() + timeoutMs;
+    while (Date.now() < end) {
+        if (await predicate()) return true;
+        await new Promise((r) => setTimeout(r, 100));
+    }
+    return false;
+}
