@@ -4,7 +4,7 @@
 // and delete backgrounds. Images are kept in IndexedDB by MD5, so a reload downloads only what
 // changed. window.gallery_stats records what came from the server and what from the store.
 import { check_background, check_background_name, BACKGROUND_FOLDER, MAX_BACKGROUND_BYTES } from './background_rule.js';
-import { context_hash, md5_hex } from './chunk_codec.js';
+import { contextHash as context_hash, md5Hex as md5_hex } from 'context-sync-client';
 import { gallery_session } from './gallery_session.js';
 import { image_cache } from './image_cache.js';
 
@@ -20,8 +20,6 @@ let files = {};
 const urls = new Map();
 let syncing = false;
 let sync_again = false;
-/** @type {Set<(files: Record<string, string>) => void>} requests waiting for a list that shows their effect */
-const list_waiters = new Set();
 
 const stats = { downloaded: /** @type {string[]} */ ([]), from_cache: /** @type {string[]} */ ([]), lists: 0 };
 /** @type {any} */ (window).gallery_stats = stats;
@@ -54,11 +52,13 @@ function transfer_row(label) {
     item.append(name, state, bar);
     $('transfers').append(item);
     return {
-        /** @param {number} done @param {number} total */
-        progress(done, total) {
+        /** @param {number} done @param {number} total @param {number} [bytes] for counts of files */
+        progress(done, total, bytes) {
             bar.max = total || 1;
             bar.value = done;
-            state.textContent = `${Math.floor((100 * done) / (total || 1))} %`;
+            state.textContent = bytes === undefined
+                ? `${Math.floor((100 * done) / (total || 1))} %`
+                : `${done} of ${total}, ${Math.round(bytes / 1024)} KiB`;
         },
         /** @param {'done'|'failed'} result @param {string} text */
         end(result, text) {
@@ -136,7 +136,6 @@ function on_list(list) {
     files = list;
     stats.lists += 1;
     $('context-hash').textContent = context_hash(files);
-    for (const waiter of list_waiters) waiter(files);
     render();
     sync_images();
 }
@@ -165,19 +164,19 @@ async function sync_images() {
             render();
             if (wanted.length && session?.connected) {
                 const row = transfer_row(`downloading ${wanted.length} image${wanted.length > 1 ? 's' : ''}`);
-                let done_files = 0;
-                const result = await session.download(wanted, { ...files },
-                    (path, done, total) => row.progress(done_files + done / total, wanted.length),
-                    (path, bytes) => {
-                        done_files += 1;
-                        const md5 = md5_hex(bytes);
+                /** @type {Record<string, string>} */
+                const asked = {};
+                for (const path of wanted) asked[path] = files[path];
+                const result = await session.download(asked,
+                    (done, total, bytes) => row.progress(done, total, bytes),
+                    (path, bytes, md5) => {
                         stats.downloaded.push(path);
                         add_image(md5, bytes);
                         cache.put(md5, bytes);
                         render();
                     });
-                row.end(result.failed.length ? 'failed' : 'done',
-                    result.failed.length ? `${result.failed.length} not received` : 'done');
+                const failed = result.files.filter((f) => !f.ok && !f.missing);
+                row.end(failed.length ? 'failed' : 'done', failed.length ? `${failed.length} not received` : 'done');
                 // Files that did not come are asked for again at the next list.
             }
         } while (sync_again);
@@ -308,32 +307,13 @@ function start_rename(card) {
     });
 }
 
-/** Sends a request and reports when a list shows its effect. */
-function await_list(/** @type {(files: Record<string, string>) => boolean} */ test, /** @type {string} */ done_text) {
-    const started = Date.now();
-    const waiter = (/** @type {Record<string, string>} */ list) => {
-        if (test(list)) { list_waiters.delete(waiter); message('done', done_text); }
-        else if (Date.now() - started > 15000) list_waiters.delete(waiter);
-    };
-    list_waiters.add(waiter);
-    // The answer to a rename or delete is the list from before it; the new one follows the
-    // server's rescan. Ask until it shows.
-    const ask = () => {
-        if (!list_waiters.has(waiter) || !session) return;
-        if (Date.now() - started > 15000) { list_waiters.delete(waiter); return; }
-        session.request('ctx_request').catch(() => {});
-        setTimeout(ask, 1000);
-    };
-    setTimeout(ask, 1200);
-}
-
 /** @param {string} from @param {string} to */
 async function rename(from, to) {
     if (!session?.connected) { message('error', 'Not connected: nothing renamed.'); return; }
-    const md5 = files[from];
     message('info', `Renaming ${from} to ${to}...`);
-    await session.rename(from, to);
-    await_list((list) => list[to] === md5 && list[from] === undefined, `Renamed ${from} to ${to}.`);
+    const result = await session.rename(from, to).catch((error) => ({ ok: false, error: error.message }));
+    if (result.ok) message('done', `Renamed ${from} to ${to}.`);
+    else message('error', `Rename of ${from} failed: ${result.error}.`);
 }
 
 /** @param {string} path */
@@ -345,8 +325,9 @@ function confirm_delete(path) {
         if (dialog.returnValue !== 'delete') return;
         if (!session?.connected) { message('error', 'Not connected: nothing deleted.'); return; }
         message('info', `Deleting ${path}...`);
-        await session.remove([path]);
-        await_list((list) => list[path] === undefined, `Deleted ${path}.`);
+        const result = await session.remove(path).catch((error) => ({ ok: false, error: error.message }));
+        if (result.ok) message('done', `Deleted ${path}.`);
+        else message('error', `Delete of ${path} failed: ${result.error}.`);
     };
     dialog.showModal();
 }
@@ -384,18 +365,18 @@ async function upload(file) {
     const path = BACKGROUND_FOLDER + file.name;
     const md5 = md5_hex(head);
     const row = transfer_row(`uploading ${file.name}`);
-    try {
-        await session.upload(path, head, (done, total) => row.progress(done, total));
-    } catch (error) {
-        row.end('failed', 'failed');
-        message('error', `${file.name}: ${/** @type {Error} */ (error).message}.`);
-        return;
-    }
-    row.end('done', 'sent');
-    // The page has the bytes: store them so the list that shows the file needs no download.
+    // The page has the bytes: store them first, so the list that shows the file needs no download.
     await cache.put(md5, head);
     add_image(md5, head);
-    await_list((list) => list[path] === md5, `${file.name}: kept by the server.`);
+    let result;
+    try {
+        result = await session.upload(path, head, file.name, (done, total) => row.progress(done, total));
+    } catch (error) {
+        result = { ok: false, error: /** @type {Error} */ (error).message };
+    }
+    row.end(result.ok ? 'done' : 'failed', result.ok ? 'kept' : 'failed');
+    if (result.ok) message('done', `${file.name}: kept by the server.`);
+    else message('error', `${file.name}: ${result.error}.`);
 }
 
 // --- start ------------------------------------------------------------------------------------
