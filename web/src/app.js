@@ -21,7 +21,13 @@ const urls = new Map();
 let syncing = false;
 let sync_again = false;
 
-const stats = { downloaded: /** @type {string[]} */ ([]), from_cache: /** @type {string[]} */ ([]), lists: 0 };
+const stats = {
+    downloaded: /** @type {string[]} */ ([]),
+    from_cache: /** @type {string[]} */ ([]),
+    lists: 0,
+    /** one per download batch: files received, verified bytes, milliseconds from request to end */
+    batches: /** @type {{files: number, bytes: number, ms: number}[]} */ ([]),
+};
 /** @type {any} */ (window).gallery_stats = stats;
 
 // --- messages and transfers -------------------------------------------------------------------
@@ -167,6 +173,7 @@ async function sync_images() {
                 /** @type {Record<string, string>} */
                 const asked = {};
                 for (const path of wanted) asked[path] = files[path];
+                const started = performance.now();
                 const result = await session.download(asked,
                     (done, total, bytes) => row.progress(done, total, bytes),
                     (path, bytes, md5) => {
@@ -175,6 +182,8 @@ async function sync_images() {
                         cache.put(md5, bytes);
                         render();
                     });
+                stats.batches.push({ files: result.files.filter((f) => f.ok).length, bytes: result.bytes,
+                    ms: performance.now() - started });
                 const failed = result.files.filter((f) => !f.ok && !f.missing);
                 row.end(failed.length ? 'failed' : 'done', failed.length ? `${failed.length} not received` : 'done');
                 // Files that did not come are asked for again at the next list.

@@ -107,7 +107,9 @@ export function random_png(size) {
 }
 
 export class test_environment {
-    constructor() {
+    /** @param {{log_level?: number}} [options]  the server's log level (default 6, everything) */
+    constructor(options = {}) {
+        this.log_level = options.log_level ?? 6;
         this.dir = mkdtempSync(join(tmpdir(), 'context-sync-web-'));
         this.root = join(this.dir, 'context_root');
         this.state = join(this.dir, 'state');
@@ -169,7 +171,7 @@ export class test_environment {
         }));
         this.server = this.spawn(this.server_path, ['--root', `${this.root}/`,
             '--config', join(this.dir, 'server-settings.json'),
-            '--broker', `127.0.0.1:${this.broker_port}`, '--log-level', '6'], 'server.out');
+            '--broker', `127.0.0.1:${this.broker_port}`, '--log-level', String(this.log_level)], 'server.out');
 
         this.spawn('websockify', ['--web', this.web_dir, `127.0.0.1:${this.web_port}`,
             `127.0.0.1:${this.broker_port}`], 'websockify.log');
