@@ -129,8 +129,28 @@ test('a valid image uploaded through the file input reaches the disk byte for by
     await page.waitForSelector('#gallery li[data-path="background/upload.png"][data-loaded="true"]');
     await page.waitForFunction(() => [...document.querySelectorAll('#messages li.done')]
         .some((m) => m.textContent === 'upload.png: kept by the server.'));
+    // Its progress bar ran to the end (the row stays a few seconds after the transfer).
+    assert.deepEqual(await page.$$eval('#transfers li', (rows) => rows
+        .filter((r) => r.firstElementChild.textContent === 'uploading upload.png')
+        .map((r) => [r.dataset.state, r.querySelector('.transfer-state').textContent,
+            r.querySelector('progress').value, r.querySelector('progress').max])),
+    [['done', 'kept', upload.length, upload.length]]);
     // The page had the bytes already: the list that shows the file downloads nothing.
     assert.ok(!(await page.evaluate(() => window.gallery_stats.downloaded)).includes('background/upload.png'));
+});
+
+test('an image dropped on the drop zone is uploaded', async () => {
+    const dropped = readFileSync(join(images, 'bg_640x284_exif.jpg'));
+    await page.evaluate((base64) => {
+        const bytes = Uint8Array.from(atob(base64), (c) => c.charCodeAt(0));
+        const transfer = new DataTransfer();
+        transfer.items.add(new File([bytes], 'dropped.jpg', { type: 'image/jpeg' }));
+        const zone = document.querySelector('#drop-zone');
+        zone.dispatchEvent(new DragEvent('dragover', { dataTransfer: transfer, bubbles: true, cancelable: true }));
+        zone.dispatchEvent(new DragEvent('drop', { dataTransfer: transfer, bubbles: true, cancelable: true }));
+    }, dropped.toString('base64'));
+    await eventually(() => env.read('background/dropped.jpg')?.equals(dropped), 'dropped.jpg on the disk');
+    await page.waitForSelector('#gallery li[data-path="background/dropped.jpg"][data-loaded="true"]');
 });
 
 test('bad names and huge files are refused in the page', async () => {
@@ -200,7 +220,7 @@ test('the gallery fits a phone screen; screenshots are written', async () => {
     // Width only: turning on isMobile would make puppeteer reload the page.
     await page.setViewport({ width: 360, height: 740 });
     assert.equal(await page.evaluate(() => document.documentElement.scrollWidth <= window.innerWidth), true);
-    assert.equal(await page.$$eval('#gallery li[data-loaded="true"]', (cards) => cards.length), 3);
+    assert.equal(await page.$$eval('#gallery li[data-loaded="true"]', (cards) => cards.length), 4);
     await page.screenshot({ path: join(artifacts, 'gallery-phone.png'), fullPage: true });
     await page.setViewport({ width: 1100, height: 900 });
 });
@@ -214,10 +234,18 @@ test('a reload takes the images from IndexedDB and downloads only what changed m
     assert.equal(env.ctxsync(['push', file]).status, 0);
     await page.reload();
     await log_in('web-tester', env.users['web-tester']);
-    await page.waitForFunction(() => document.querySelectorAll('#gallery li[data-loaded="true"]').length === 4);
+    await page.waitForFunction(() => document.querySelectorAll('#gallery li[data-loaded="true"]').length === 5);
     assert.deepEqual((await gallery()).map((c) => c.path),
-        ['background/later.jpg', 'background/pushed.jpg', 'background/renamed.png', 'background/upload.png']);
+        ['background/dropped.jpg', 'background/later.jpg', 'background/pushed.jpg', 'background/renamed.png',
+            'background/upload.png']);
     assert.deepEqual(await page.evaluate(() => window.gallery_stats.downloaded), ['background/later.jpg']);
     assert.deepEqual(await page.evaluate(() => window.gallery_stats.from_cache.sort()),
-        ['background/pushed.jpg', 'background/renamed.png', 'background/upload.png']);
+        ['background/dropped.jpg', 'background/pushed.jpg', 'background/renamed.png', 'background/upload.png']);
+});
+
+test('when the server stops, the page shows it offline', async () => {
+    assert.equal(await page.$eval('#server-status', (e) => e.dataset.status), 'online');
+    env.server.kill('SIGTERM');
+    await page.waitForSelector('#server-status[data-status="offline"]');
+    assert.equal(await page.$eval('#connection-state', (e) => e.dataset.state), 'connected');
 });
