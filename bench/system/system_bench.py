@@ -23,7 +23,10 @@ figure stands next to a baseline measured in the same run, with the ratio and th
     scenario) with 1, 2, 4 and 10 downloads, and its growth during the 50 MB upload against the
     file's size;
   7 latency from a file written into background/ to the ctx_list broadcast reaching
-    `ctxsync watch`, against the 1000 ms debounce.
+    `ctxsync watch`, against the 1000 ms debounce;
+  8 the JavaScript client (client/js, in Node) pulling the random set over TCP and through
+    websockify, against `ctxsync pull` of the same set in the same run (needs node and
+    scripts/setup-js; left out otherwise).
 
 Pull times have the fixed part of the command taken off: a pull with nothing to fetch. Push times
 are the chunk traffic that `ctxsync --json push` reports as "transfer_ms" (first chunk read to
@@ -263,6 +266,47 @@ def ctxsync_run(server, args, client_id, timeout=60):
     done = subprocess.run(ctxsync_args(server, args, client_id, timeout), capture_output=True,
                           timeout=timeout * 20)
     return done.returncode, done.stdout.decode(errors="replace"), time.monotonic() - start
+
+
+JS_DIR = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "client", "js")
+JS_CLI = os.path.join(JS_DIR, "examples", "ctxsync.mjs")
+
+
+def js_available():
+    return shutil.which("node") is not None and os.path.isdir(
+        os.path.join(JS_DIR, "node_modules", "mqtt"))
+
+
+def js_run(url, args, client_id, timeout=120):
+    """The JavaScript client's command line (client/js/examples/ctxsync.mjs) in Node."""
+    start = time.monotonic()
+    done = subprocess.run(["node", JS_CLI, "--broker", url, "--client-id", client_id,
+                           "--timeout", "60"] + args, capture_output=True, timeout=timeout * 20)
+    return done.returncode, done.stdout.decode(errors="replace"), time.monotonic() - start
+
+
+class websockify_t:
+    """websockify in front of the broker's TCP listener, as a browser reaches it."""
+
+    def __init__(self, work, broker_port):
+        self.port = free_port()
+        self.log = open(os.path.join(work, "websockify.log"), "wb")
+        self.process = subprocess.Popen(
+            ["websockify", f"127.0.0.1:{self.port}", f"127.0.0.1:{broker_port}"],
+            stdout=self.log, stderr=subprocess.STDOUT)
+        deadline = time.monotonic() + 10
+        while time.monotonic() < deadline:
+            try:
+                socket.create_connection(("127.0.0.1", self.port), timeout=0.2).close()
+                return
+            except OSError:
+                time.sleep(0.05)
+        raise RuntimeError("websockify did not start")
+
+    def stop(self):
+        self.process.terminate()
+        self.process.wait(10)
+        self.log.close()
 
 
 def run_parallel(server, jobs):
@@ -521,6 +565,29 @@ def main():
                                          "peak_kb": peak.peak_kb, "rest_kb": peak.rest_kb,
                                          "cpu_s": peak.cpu}
 
+        # 8. the JavaScript client pulling the random set, over TCP and through websockify.
+        if js_available():
+            results["js"] = {}
+            bridge = websockify_t(work, broker.port)
+            try:
+                urls = {"tcp": f"mqtt://127.0.0.1:{broker.port}",
+                        "websockify": f"ws://127.0.0.1:{bridge.port}/"}
+                for transport, url in urls.items():
+                    dest = prepare_pull_dir(work, "pull_js_noop", {**sets["random"], **sets["text"]})
+                    _, _, js_noop = js_run(url, ["pull", dest], f"bench-js-noop-{transport}")
+                    dest = prepare_pull_dir(work, f"pull_js_{transport}", sets["text"])
+                    log(f"download random by the JavaScript client, {transport} ...")
+                    wait_quiet(server.pid)
+                    rc, out, seconds = js_run(url, ["pull", dest], f"bench-js-{transport}")
+                    ok = rc == 0 and all(same_file(os.path.join(dest, rel), path)
+                                         for rel, path in sets["random"].items())
+                    results["js"][transport] = {"rc": rc, "ok": ok, "seconds": seconds,
+                                                "noop_s": js_noop, "out": out.strip()[-300:]}
+            finally:
+                bridge.stop()
+        else:
+            log("node or client/js/node_modules missing (scripts/setup-js): no JavaScript rows")
+
         # 3 and 6: several clients at once, each pulling the random set.
         results["parallel"] = {}
         for clients in (2, 4, 10):
@@ -592,6 +659,7 @@ def main():
     failed = [f"download {k}" for k, v in results["download"].items() if not v["ok"]]
     failed += [f"upload {k}" for k, v in results["upload"].items() if not v["ok"]]
     failed += [f"{k} downloads" for k, v in results["parallel"].items() if not v["ok"]]
+    failed += [f"JavaScript download, {k}" for k, v in results.get("js", {}).items() if not v["ok"]]
     if failed:
         log(f"transfers that failed or did not verify: {', '.join(failed)}")
         return 1
@@ -697,6 +765,14 @@ def make_table(r):
     median = lat[len(lat) // 2]
     row(f"7 write to ctx_list (median of {len(lat)})", f"{median * 1000:.0f} ms",
         "1000 ms debounce", median, "about 1")
+
+    reference = r["download"]["random"]
+    reference_net = set_size / max(reference["seconds"] - noop, 1e-9)
+    goals = {"tcp": ">= 0.8", "websockify": ">= 0.8"}
+    for transport, j in r.get("js", {}).items():
+        net = set_size / max(j["seconds"] - j["noop_s"], 1e-9)
+        row(f"8 JavaScript pull {set_mb} random, Node, {transport}", mbps(net),
+            mbps(reference_net) + " ctxsync, TCP", net / reference_net, goals[transport])
 
     header = ("measurement", "value", "baseline", "ratio", "goal")
     widths = [max(len(str(x[i])) for x in rows + [header]) for i in range(5)]

@@ -74,16 +74,18 @@ export function decompressFramed(framed) {
  */
 export function encodeChunk({ file, index, totalChunks, remainingFiles, raw, level = COMPRESSION_LEVEL, now }) {
     const payload = level > 0 ? compressFramed(raw, level) : raw;
+    // Keys in the order the server's and ctxsync's JSON writer puts them (sorted), so that the
+    // message is the same text as theirs.
     return {
-        file,
         chunk_index: index,
-        remaining_files: remainingFiles,
-        total_chunks: totalChunks,
-        data: base64Encode(payload),
         compression: level,
+        data: base64Encode(payload),
+        file,
         hash: md5Hex(raw),
         percent: 0,
+        remaining_files: remainingFiles,
         speed: Math.floor((now ?? Date.now()) / 1000),
+        total_chunks: totalChunks,
     };
 }
 
@@ -134,5 +136,5 @@ export function decodeChunk(chunk) {
  * @returns {{file: string, chunkIndex: number}}
  */
 export function encodeAck(file, index) {
-    return { file, chunkIndex: index };
+    return { chunkIndex: index, file };
 }

@@ -149,7 +149,11 @@ export async function downloadFiles(connection, files, sink, options = {}) {
     }
     for (const path of pending)
         done(path, false, lastReason || 'the server did not send the file before the deadline');
-    return { files: order.map((path) => results.get(path)), bytes: progress.bytes, tries, ended };
+    const outcome = order.map((path) => {
+        const { ok, refused, missing, error } = results.get(path);
+        return { path, ok, refused, missing, error };
+    });
+    return { files: outcome, bytes: progress.bytes, tries, ended };
 }
 
 /**

@@ -40,7 +40,8 @@ export function topicsFor(base, clientId) {
  */
 export function requestBody(type, message) {
     const payload = message === undefined ? {} : { message };
-    return utf8Encode(JSON.stringify({ type, payload }));
+    // Keys sorted, as the server's and ctxsync's JSON writer puts them.
+    return utf8Encode(JSON.stringify({ payload, type }));
 }
 
 /**

@@ -62,7 +62,11 @@ export function run(program, args, options = {}) {
  * server's context root), `env.ctxsync(args)`.
  */
 export class TestEnvironment {
-    async start({ websocket = true } = {}) {
+    /**
+     * @param {{websocket?: boolean, web?: string}} [options] web: a folder that websockify serves
+     *   over HTTP on the same port (as scripts/run-server serves the page)
+     */
+    async start({ websocket = true, web } = {}) {
         this.dir = await tempDir('ctxjs-env');
         this.root = path.join(this.dir, 'root');
         this.state = path.join(this.dir, 'state');
@@ -81,7 +85,7 @@ export class TestEnvironment {
         this.brokerText = `127.0.0.1:${this.brokerPort}`;
         if (websocket) {
             this.wsPort = await freePort();
-            this.websockify = this.spawn('websockify', [`127.0.0.1:${this.wsPort}`, `127.0.0.1:${this.brokerPort}`]);
+            this.websockify = this.spawn('websockify', [...(web ? ['--web', web] : []), `127.0.0.1:${this.wsPort}`, `127.0.0.1:${this.brokerPort}`]);
             await waitForPort(this.wsPort, this.websockify);
             this.wsUrl = `ws://127.0.0.1:${this.wsPort}/`;
         }
