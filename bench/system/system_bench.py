@@ -26,7 +26,9 @@ figure stands next to a baseline measured in the same run, with the ratio and th
     `ctxsync watch`, against the 1000 ms debounce;
   8 the JavaScript client (client/js, in Node) pulling the random set over TCP and through
     websockify, against `ctxsync pull` of the same set in the same run (needs node and
-    scripts/setup-js; left out otherwise).
+    scripts/setup-js; left out otherwise); and the web page (web/, in headless chromium, served
+    and bridged by websockify) pulling the whole tree, both sets, into an empty browser, against
+    `ctxsync pull` of both sets (needs chromium and the page built by scripts/setup-js).
 
 Pull times have the fixed part of the command taken off: a pull with nothing to fetch. Push times
 are the chunk traffic that `ctxsync --json push` reports as "transfer_ms" (first chunk read to
@@ -270,6 +272,14 @@ def ctxsync_run(server, args, client_id, timeout=60):
 
 JS_DIR = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "client", "js")
 JS_CLI = os.path.join(JS_DIR, "examples", "ctxsync.mjs")
+WEB_DIR = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "web")
+
+
+def page_available():
+    """The built page, its packages and chromium: what the browser row needs."""
+    return (shutil.which("node") is not None and os.path.exists("/usr/bin/chromium")
+            and os.path.isfile(os.path.join(WEB_DIR, "dist", "index.html"))
+            and os.path.isdir(os.path.join(WEB_DIR, "node_modules", "puppeteer-core")))
 
 
 def js_available():
@@ -288,11 +298,12 @@ def js_run(url, args, client_id, timeout=120):
 class websockify_t:
     """websockify in front of the broker's TCP listener, as a browser reaches it."""
 
-    def __init__(self, work, broker_port):
+    def __init__(self, work, broker_port, web=None):
         self.port = free_port()
         self.log = open(os.path.join(work, "websockify.log"), "wb")
         self.process = subprocess.Popen(
-            ["websockify", f"127.0.0.1:{self.port}", f"127.0.0.1:{broker_port}"],
+            ["websockify"] + (["--web", web] if web else [])
+            + [f"127.0.0.1:{self.port}", f"127.0.0.1:{broker_port}"],
             stdout=self.log, stderr=subprocess.STDOUT)
         deadline = time.monotonic() + 10
         while time.monotonic() < deadline:
@@ -588,6 +599,27 @@ def main():
         else:
             log("node or client/js/node_modules missing (scripts/setup-js): no JavaScript rows")
 
+        # 8. the web page in chromium pulling the whole tree through websockify.
+        if page_available():
+            bridge = websockify_t(work, broker.port, os.path.join(WEB_DIR, "dist"))
+            try:
+                log("download of both sets by the web page in chromium ...")
+                wait_quiet(server.pid)
+                done = subprocess.run(
+                    ["node", os.path.join(WEB_DIR, "bench", "page_pull.mjs"),
+                     "--page", f"http://127.0.0.1:{bridge.port}/", "--images", str(2 * images)],
+                    capture_output=True, timeout=1800)
+                out = done.stdout.decode(errors="replace").strip()
+                page = json.loads(out.splitlines()[-1]) if done.returncode == 0 and out else {}
+                results["page"] = {"ok": page.get("files") == 2 * images
+                                   and page.get("bytes") == 2 * set_size,
+                                   "bytes": page.get("bytes", 0), "ms": page.get("ms", 0),
+                                   "out": (out + done.stderr.decode(errors="replace"))[-300:]}
+            finally:
+                bridge.stop()
+        else:
+            log("chromium, web/node_modules or web/dist missing (scripts/setup-js): no page row")
+
         # 3 and 6: several clients at once, each pulling the random set.
         results["parallel"] = {}
         for clients in (2, 4, 10):
@@ -660,6 +692,8 @@ def main():
     failed += [f"upload {k}" for k, v in results["upload"].items() if not v["ok"]]
     failed += [f"{k} downloads" for k, v in results["parallel"].items() if not v["ok"]]
     failed += [f"JavaScript download, {k}" for k, v in results.get("js", {}).items() if not v["ok"]]
+    if "page" in results and not results["page"]["ok"]:
+        failed.append("web page download")
     if failed:
         log(f"transfers that failed or did not verify: {', '.join(failed)}")
         return 1
@@ -773,6 +807,12 @@ def make_table(r):
         net = set_size / max(j["seconds"] - j["noop_s"], 1e-9)
         row(f"8 JavaScript pull {set_mb} random, Node, {transport}", mbps(net),
             mbps(reference_net) + " ctxsync, TCP", net / reference_net, goals[transport])
+    if r.get("page", {}).get("ms"):
+        both = [r["download"][kind] for kind in KINDS]
+        both_net = 2 * set_size / max(sum(d["seconds"] - noop for d in both), 1e-9)
+        net = r["page"]["bytes"] / (r["page"]["ms"] / 1000.0)
+        row(f"8 web page pull {2 * set_size / MB:.0f} MB, chromium, websockify", mbps(net),
+            mbps(both_net) + " ctxsync, TCP, both sets", net / both_net, ">= 0.6")
 
     header = ("measurement", "value", "baseline", "ratio", "goal")
     widths = [max(len(str(x[i])) for x in rows + [header]) for i in range(5)]
