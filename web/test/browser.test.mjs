@@ -10,7 +10,8 @@ import { join, dirname } from 'node:path';
 import { fileURLToPath } from 'node:url';
 import puppeteer from 'puppeteer-core';
 import { createHash } from 'node:crypto';
-import { eventually, md5, random_png, test_environment } from './harness.mjs';
+import { spawnSync } from 'node:child_process';
+import { eventually, free_port, md5, random_png, test_environment, wait_port } from './harness.mjs';
 
 const sha256 = (bytes) => createHash('sha256').update(bytes).digest('hex');
 
@@ -66,7 +67,9 @@ before(async () => {
     browser = await puppeteer.launch({
         executablePath: process.env.CHROMIUM ?? '/usr/bin/chromium',
         headless: true,
-        args: ['--no-sandbox', '--disable-gpu', '--disable-dev-shm-usage', '--no-first-run'],
+        // The TLS step's certificate is made on the spot and signed by nobody.
+        args: ['--no-sandbox', '--disable-gpu', '--disable-dev-shm-usage', '--no-first-run',
+            '--ignore-certificate-errors'],
     });
     page = await browser.newPage();
     await page.setViewport({ width: 1100, height: 900 });
@@ -241,6 +244,31 @@ test('a reload takes the images from IndexedDB and downloads only what changed m
     assert.deepEqual(await page.evaluate(() => window.gallery_stats.downloaded), ['background/later.jpg']);
     assert.deepEqual(await page.evaluate(() => window.gallery_stats.from_cache.sort()),
         ['background/dropped.jpg', 'background/pushed.jpg', 'background/renamed.png', 'background/upload.png']);
+});
+
+test('served over TLS by websockify (--cert, --key, --ssl-only), the page connects with wss', async () => {
+    const key = join(env.dir, 'web.key');
+    const certificate = join(env.dir, 'web.crt');
+    const made = spawnSync('openssl', ['req', '-x509', '-newkey', 'ec', '-pkeyopt', 'ec_paramgen_curve:prime256v1',
+        '-nodes', '-keyout', key, '-out', certificate, '-days', '1', '-subj', '/CN=127.0.0.1',
+        '-addext', 'subjectAltName=IP:127.0.0.1'], { encoding: 'utf8' });
+    assert.equal(made.status, 0, made.stderr);
+    const port = await free_port();
+    env.spawn('websockify', ['--web', env.web_dir, '--cert', certificate, '--key', key, '--ssl-only',
+        `127.0.0.1:${port}`, `127.0.0.1:${env.broker_port}`], 'websockify-tls.log');
+    await wait_port(port);
+    const secure = await browser.newPage();
+    try {
+        await secure.goto(`https://127.0.0.1:${port}/`);
+        assert.equal(await secure.$eval('#url', (e) => e.value), `wss://127.0.0.1:${port}/`);
+        await secure.type('#username', 'web-tester');
+        await secure.type('#password', env.users['web-tester']);
+        await secure.click('#connect');
+        await secure.waitForSelector('#server-status[data-status="online"]');
+        await secure.waitForFunction(() => document.querySelectorAll('#gallery li[data-loaded="true"]').length === 5);
+    } finally {
+        await secure.close();
+    }
 });
 
 test('when the server stops, the page shows it offline', async () => {

@@ -29,7 +29,7 @@ export function free_port() {
 export const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
 /** @param {number} port */
-async function wait_port(port, timeout_ms = 10000) {
+export async function wait_port(port, timeout_ms = 10000) {
     const until = Date.now() + timeout_ms;
     while (Date.now() < until) {
         const ok = await new Promise((resolve) => {
