@@ -126,6 +126,8 @@ test('a valid image uploaded through the file input reaches the disk byte for by
     await eventually(() => env.read('background/upload.png')?.equals(upload), 'upload.png on the disk');
     assert.ok(env.read('background/upload.png').equals(upload));
     assert.equal(env.read('background/bg_284x640.jpg'), null);
+    // The server's log names every file it receives: the valid one, and not the refused one.
+    assert.ok(env.server_log.includes('Receive file background/upload.png'));
     assert.ok(!env.server_log.includes('bg_284x640'), 'the refused file reached the server');
     assert.ok((await messages()).includes(
         'refused|bg_284x640.jpg: refused, wrong size: 284 x 640 pixels, exactly 640 x 284 required. Nothing was sent.'));

@@ -184,9 +184,9 @@ export class test_environment {
         return `http://127.0.0.1:${this.web_port}/`;
     }
 
+    /** The server's log file (every level: it names each file it receives). */
     get server_log() {
-        const file = join(this.state, 'logs', 'server-orvane.log');
-        return existsSync(file) ? readFileSync(file, 'utf8') : '';
+        return readFileSync(join(this.state, 'logs', 'server-orvane.log'), 'utf8');
     }
 
     /** Runs ctxsync with the tester's credentials. @param {string[]} args */
