@@ -247,7 +247,7 @@ describe('checks', () => {
         assert.equal(contextHash, listed.context_hash);
         assert.equal(await c.serverHash(), contextHash);
         const dir = await tempDir('ctxjs-status');
-        await c.pullInto(dir);
+        await fs.cp(path.join(env.root, 'background'), path.join(dir, 'background'), { recursive: true });
         await fs.writeFile(path.join(dir, 'background/local_only.png'), 'x');
         const ours = await c.status(dir);
         const theirs = JSON.parse((await env.ctxsync(['--json', 'status', dir])).stdout);
