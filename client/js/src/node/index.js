@@ -5,11 +5,18 @@ import WebSocket from 'ws';
 import { NodeContextSyncClient } from './node_client.js';
 import { connect as connectCore } from '../connection.js';
 import { useMd5Implementation } from '../md5.js';
+import { useInflateImplementation } from '../chunk.js';
+import { inflateSync } from 'node:zlib';
 
 // Node's own MD5 (OpenSSL) instead of the portable one.
 useMd5Implementation(() => {
     const hash = createHash('md5');
     return { update: (bytes) => hash.update(bytes), digestHex: () => hash.digest('hex') };
+});
+// Node's zlib for decompression (any correct inflate gives the same bytes).
+useInflateImplementation((stream) => {
+    const out = inflateSync(stream);
+    return new Uint8Array(out.buffer, out.byteOffset, out.byteLength);
 });
 
 export * from '../index.js';
