@@ -8,7 +8,8 @@ import { ContextSyncClient } from '../client.js';
 import { compareTrees, contextHash } from '../tree.js';
 import { downloadFiles } from '../download.js';
 import { uploadFiles } from '../upload.js';
-import { replaceTree } from '../requests.js';
+import { replaceTree, LIST_RETRY_MS } from '../requests.js';
+import { sleep } from '../backoff.js';
 import { unsafePathReason, BACKGROUND_FOLDER } from '../paths.js';
 import { FolderSink } from './folder_sink.js';
 import { scanFolder } from './scan.js';
@@ -152,6 +153,8 @@ export class NodeContextSyncClient extends ContextSyncClient {
                         server = (await this.list({ timeoutMs: options.timeoutMs, signal })).files;
                     } catch {
                         if (signal?.aborted) break;
+                        // No answer (server offline, connection lost): ask again a little later.
+                        await sleep(LIST_RETRY_MS, signal);
                         continue;
                     }
                 } else {
