@@ -33,6 +33,20 @@ export function compressFramed(raw, level = COMPRESSION_LEVEL) {
     return out;
 }
 
+/** pako's inflate: runs everywhere. */
+const pakoInflate = (stream) => pako.inflate(stream);
+let inflate = pakoInflate;
+
+/**
+ * Replaces the zlib decompression (context-sync-client/node installs node:zlib's, faster than
+ * pako's). Any correct inflate gives the same bytes, so unlike compression this may change freely;
+ * compression stays with pako, whose output is byte-identical to the server's and ctxsync's.
+ * @param {((stream: Uint8Array) => Uint8Array) | null} implementation throws on a corrupt stream
+ */
+export function useInflateImplementation(implementation) {
+    inflate = implementation ?? pakoInflate;
+}
+
 /**
  * Undoes compressFramed; null when the framing or the stream is corrupt, or the length does not
  * match.
@@ -44,7 +58,7 @@ export function decompressFramed(framed) {
     const expected = new DataView(framed.buffer, framed.byteOffset, 4).getUint32(0, false);
     let raw;
     try {
-        raw = pako.inflate(framed.subarray(4));
+        raw = inflate(framed.subarray(4));
     } catch {
         return null;
     }

@@ -18,6 +18,8 @@ import { utf8Decode } from './bytes.js';
 
 /** The default longest wait for the broker or the server, as ctxsync's --timeout. */
 export const DEFAULT_TIMEOUT_MS = 10000;
+/** How long connect() waits for the server's retained status after subscribing. */
+export const STATUS_WAIT_MS = 1000;
 /** Browsers: writes are buffered up to this many bytes; a chunk message is about 680 KB. */
 export const BROWSER_BUFFER_SIZE = 8 * 1024 * 1024;
 
@@ -157,8 +159,10 @@ export class ContextSyncConnection extends Emitter {
 }
 
 /**
- * Connects to the broker and subscribes to the service's topics. Rejects with code "no_broker"
- * when the broker cannot be reached or refuses the connection within `timeoutMs`.
+ * Connects to the broker and subscribes to the service's topics. Resolves once the server's
+ * retained status has come (or STATUS_WAIT_MS after the subscription when the broker has none).
+ * Rejects with code "no_broker" when the broker cannot be reached or refuses the connection
+ * within `timeoutMs`.
  * @param {ConnectOptions} [options]
  * @returns {Promise<ContextSyncConnection>}
  */
@@ -227,10 +231,20 @@ export async function connect(options = {}) {
             client.subscribe([topics.response, topics.broadcast, topics.status], { qos: 1 }, (error, granted) => {
                 if (error || !granted || granted.some((g) => g.qos > 2)) return fail(`subscription refused${error ? `: ${error.message}` : ''}`);
                 if (settled) return;
-                settled = true;
-                clearTimeout(timer);
                 announce();
-                resolve();
+                // The broker sends the retained status right after the subscription's
+                // acknowledgement: wait for it briefly, so that serviceStatus is known on return.
+                const done = () => {
+                    if (settled) return;
+                    settled = true;
+                    clearTimeout(timer);
+                    clearTimeout(statusTimer);
+                    offStatus();
+                    resolve();
+                };
+                const offStatus = connection.on('status', done);
+                const statusTimer = setTimeout(done, Math.min(STATUS_WAIT_MS, timeoutMs));
+                if (connection.serviceStatus) done();
             });
         });
     });

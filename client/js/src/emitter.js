@@ -28,10 +28,9 @@ export class Emitter {
             try {
                 listener(...args);
             } catch (error) {
-                // A listener's failure must not break the connection's message handling.
-                queueMicrotask(() => {
-                    throw error;
-                });
+                // A listener's failure must not break the connection's message handling, nor
+                // end the program: it is reported and the other listeners still run.
+                console.error(`context-sync-client: a "${event}" listener failed:`, error);
             }
         }
     }

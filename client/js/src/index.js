@@ -2,8 +2,8 @@
 export { ContextSyncClient } from './client.js';
 export { connect, ContextSyncConnection, brokerUrl, DEFAULT_TIMEOUT_MS, BROWSER_BUFFER_SIZE } from './connection.js';
 export { ContextSyncError } from './errors.js';
-export { CHUNK_SIZE, COMPRESSION_LEVEL, chunkCount, compressFramed, decompressFramed, encodeChunk, decodeChunk, encodeAck } from './chunk.js';
-export { md5Hex, Md5, EMPTY_MD5 } from './md5.js';
+export { CHUNK_SIZE, COMPRESSION_LEVEL, chunkCount, compressFramed, decompressFramed, encodeChunk, decodeChunk, encodeAck, useInflateImplementation } from './chunk.js';
+export { md5Hex, Md5, EMPTY_MD5, useMd5Implementation } from './md5.js';
 export { contextHash, compareTrees, filesFromPayload, sortedPaths, EMPTY_CONTEXT_HASH } from './tree.js';
 export { unsafePathReason, isSafeRelativePath, isIgnoredPath, MAX_PATH_BYTES, BACKGROUND_FOLDER, BACKGROUND_WIDTH, BACKGROUND_HEIGHT, BACKGROUND_MAX_BYTES } from './paths.js';
 export { inspectImage } from './image.js';

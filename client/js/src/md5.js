@@ -11,30 +11,56 @@ function exactBuffer(bytes) {
 }
 
 /**
+ * An incremental MD5 hasher as an implementation provides it.
+ * @typedef {object} Md5State
+ * @property {(bytes: Uint8Array) => void} update
+ * @property {() => string} digestHex
+ */
+
+/** spark-md5: runs everywhere. */
+const sparkImplementation = () => {
+    const state = new SparkMD5.ArrayBuffer();
+    return { update: (bytes) => state.append(exactBuffer(bytes)), digestHex: () => state.end() };
+};
+
+let createState = sparkImplementation;
+
+/**
+ * Replaces the MD5 implementation (context-sync-client/node installs node:crypto's, several times
+ * faster than the portable one). `create` returns a fresh incremental hasher.
+ * @param {() => Md5State} create
+ */
+export function useMd5Implementation(create) {
+    createState = create ?? sparkImplementation;
+}
+
+/**
  * MD5 hex of bytes, or of the UTF-8 bytes of a string.
  * @param {Uint8Array | ArrayBuffer | ArrayBufferView | string} data
  * @returns {string}
  */
 export function md5Hex(data) {
     const bytes = typeof data === 'string' ? utf8Encode(data) : asBytes(data);
-    return SparkMD5.ArrayBuffer.hash(exactBuffer(bytes));
+    const state = createState();
+    state.update(bytes);
+    return state.digestHex();
 }
 
 /** An incremental MD5: append() parts in order, then hex() once. */
 export class Md5 {
     constructor() {
-        this.state = new SparkMD5.ArrayBuffer();
+        this.state = createState();
     }
 
     /** @param {Uint8Array} bytes @returns {this} */
     append(bytes) {
-        this.state.append(exactBuffer(bytes));
+        this.state.update(bytes);
         return this;
     }
 
     /** @returns {string} */
     hex() {
-        return this.state.end();
+        return this.state.digestHex();
     }
 }
 

@@ -79,49 +79,66 @@ export async function uploadFiles(connection, files, options = {}) {
     const progress = { bytes: 0, totalBytes, file: '', filesDone: 0, filesTotal: sendable.length };
     const started = Date.now();
     let acknowledged = [];
-    for (let n = 0; n < sendable.length && !options.signal?.aborted; n++) {
-        const { path, bytes, result } = sendable[n];
-        const total = chunkCount(bytes.length);
-        progress.file = path;
-        if (total === 0) {
-            // The chunk format has no message for an empty file.
-            result.error = 'an empty file cannot be sent';
-            continue;
-        }
-        let ok = true;
-        for (let index = 0; index < total; index++) {
-            const raw = bytes.subarray(index * CHUNK_SIZE, Math.min(bytes.length, (index + 1) * CHUNK_SIZE));
-            const chunk = encodeChunk({ file: path, index, totalChunks: total, remainingFiles: sendable.length - n - 1, raw });
-            const ack = connection.nextPacket(
-                (p) => p.type === 'ctx_chunk_ack' && !p.broadcast && p.payload.file === path && p.payload.chunkIndex === index,
-                timeoutMs,
-                options.signal,
-            );
-            try {
-                await connection.send('ctx_chunk', chunk);
-            } catch (error) {
-                result.error = error.message;
-                ok = false;
-                break;
+    // The server's "offline", a lost connection or the caller's signal end the upload at once.
+    const ending = new AbortController();
+    let ended = '';
+    const end = (why) => {
+        if (!ended) ended = why;
+        ending.abort();
+    };
+    const offs = [
+        connection.on('status', (status) => status === 'offline' && end('the server went offline')),
+        connection.on('connection_lost', () => end('the connection to the broker was lost')),
+    ];
+    const onAbort = () => end('cancelled');
+    options.signal?.addEventListener('abort', onAbort);
+    if (options.signal?.aborted) end('cancelled');
+    if (connection.serviceStatus === 'offline') end('the server is offline');
+    try {
+        for (let n = 0; n < sendable.length && !ended; n++) {
+            const { path, bytes, result } = sendable[n];
+            const total = chunkCount(bytes.length);
+            progress.file = path;
+            if (total === 0) {
+                // The chunk format has no message for an empty file.
+                result.error = 'an empty file cannot be sent';
+                continue;
             }
-            if (!(await ack)) {
-                result.error = options.signal?.aborted
-                    ? 'cancelled'
-                    : connection.serviceStatus === 'offline'
-                      ? 'the server went offline'
-                      : `no acknowledgement of chunk ${index} within ${timeoutMs} ms (refused by the server)`;
-                ok = false;
-                break;
+            let ok = true;
+            for (let index = 0; index < total; index++) {
+                const raw = bytes.subarray(index * CHUNK_SIZE, Math.min(bytes.length, (index + 1) * CHUNK_SIZE));
+                const chunk = encodeChunk({ file: path, index, totalChunks: total, remainingFiles: sendable.length - n - 1, raw });
+                const ack = connection.nextPacket(
+                    (p) => p.type === 'ctx_chunk_ack' && !p.broadcast && p.payload.file === path && p.payload.chunkIndex === index,
+                    timeoutMs,
+                    ending.signal,
+                );
+                try {
+                    await connection.send('ctx_chunk', chunk);
+                } catch (error) {
+                    result.error = error.message;
+                    ok = false;
+                    break;
+                }
+                if (!(await ack)) {
+                    result.error = ended || `no acknowledgement of chunk ${index} within ${timeoutMs} ms (refused by the server)`;
+                    ok = false;
+                    break;
+                }
+                progress.bytes += raw.length;
+                options.onProgress?.({ ...progress });
             }
-            progress.bytes += raw.length;
-            options.onProgress?.({ ...progress });
+            if (ok) acknowledged.push(result);
+            else connection.log(3, `${path}: ${result.error}`);
+            progress.filesDone++;
         }
-        if (ok) acknowledged.push(result);
-        else connection.log(3, `${path}: ${result.error}`);
-        progress.filesDone++;
+    } finally {
+        offs.forEach((off) => off());
+        options.signal?.removeEventListener('abort', onAbort);
     }
+    for (const { result } of sendable) if (!result.error && !acknowledged.includes(result)) result.error = ended;
     const transferMs = Date.now() - started;
-    if (options.verify === false || !acknowledged.length) {
+    if (ended || options.verify === false || !acknowledged.length) {
         for (const result of acknowledged) result.ok = true;
     } else {
         const kept = (list) => acknowledged.every((r) => list[r.path] === r.md5);

@@ -48,6 +48,27 @@ export async function tempDir(name = 'ctxjs') {
     return fs.mkdtemp(path.join(os.tmpdir(), `${name}-`));
 }
 
+/**
+ * A test CA, a server certificate for 127.0.0.1 signed by it, and a second CA that signed nothing.
+ * @param {string} dir
+ */
+async function makeTlsFiles(dir) {
+    const ec = ['-newkey', 'ec', '-pkeyopt', 'ec_paramgen_curve:prime256v1', '-nodes'];
+    await fs.writeFile(path.join(dir, 'san.ext'), 'subjectAltName=IP:127.0.0.1\n');
+    const steps = [
+        ['req', '-x509', ...ec, '-keyout', 'ca.key', '-out', 'ca.crt', '-days', '1', '-subj', '/CN=test CA'],
+        ['req', '-x509', ...ec, '-keyout', 'other.key', '-out', 'other.crt', '-days', '1', '-subj', '/CN=other CA'],
+        ['req', ...ec, '-keyout', 'server.key', '-out', 'server.csr', '-subj', '/CN=127.0.0.1'],
+        ['x509', '-req', '-in', 'server.csr', '-CA', 'ca.crt', '-CAkey', 'ca.key', '-CAcreateserial', '-out', 'server.crt', '-days', '1', '-extfile', 'san.ext'],
+    ];
+    for (const step of steps) {
+        const done = await run('openssl', step, { cwd: dir });
+        if (done.code !== 0) throw new Error(`openssl ${step[0]}: ${done.stderr}`);
+    }
+    const file = (name) => path.join(dir, name);
+    return { ca: file('ca.crt'), otherCa: file('other.crt'), cert: file('server.crt'), key: file('server.key') };
+}
+
 /** Runs a program to its end; resolves {code, stdout, stderr}. */
 export function run(program, args, options = {}) {
     return new Promise((resolve) => {
@@ -66,7 +87,7 @@ export class TestEnvironment {
      * @param {{websocket?: boolean, web?: string}} [options] web: a folder that websockify serves
      *   over HTTP on the same port (as scripts/run-server serves the page)
      */
-    async start({ websocket = true, web } = {}) {
+    async start({ websocket = true, web, tls = false } = {}) {
         this.dir = await tempDir('ctxjs-env');
         this.root = path.join(this.dir, 'root');
         this.state = path.join(this.dir, 'state');
@@ -74,10 +95,21 @@ export class TestEnvironment {
         await fs.mkdir(this.state);
         this.brokerPort = await freePort();
         const conf = path.join(this.dir, 'mosquitto.conf');
-        await fs.writeFile(
-            conf,
-            ['log_dest stderr', 'log_type error', 'user root', 'persistence false', 'set_tcp_nodelay true', `listener ${this.brokerPort} 127.0.0.1`, 'allow_anonymous true', ''].join('\n'),
-        );
+        const lines = ['log_dest stderr', 'log_type error', 'user root', 'persistence false', 'set_tcp_nodelay true', 'per_listener_settings true'];
+        lines.push(`listener ${this.brokerPort} 127.0.0.1`, 'allow_anonymous true');
+        if (tls) {
+            // A second listener as a device offers it to the network: TLS with a test CA, and
+            // user names with passwords.
+            this.tls = await makeTlsFiles(this.dir);
+            this.tlsPort = await freePort();
+            const passwords = path.join(this.dir, 'passwords');
+            await fs.writeFile(passwords, '');
+            const made = await run('mosquitto_passwd', ['-b', passwords, 'tablet-1', 'secret-1']);
+            if (made.code !== 0) throw new Error(`mosquitto_passwd: ${made.stderr}`);
+            lines.push(`listener ${this.tlsPort} 127.0.0.1`, 'allow_anonymous false', `password_file ${passwords}`);
+            lines.push(`cafile ${this.tls.ca}`, `certfile ${this.tls.cert}`, `keyfile ${this.tls.key}`);
+        }
+        await fs.writeFile(conf, lines.join('\n') + '\n');
         this.children = [];
         this.broker = this.spawn('mosquitto', ['-c', conf]);
         await waitForPort(this.brokerPort, this.broker);

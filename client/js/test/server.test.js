@@ -50,7 +50,7 @@ const disk = (relative) => fs.readFile(path.join(env.root, relative));
 const onDisk = (relative) => fs.access(path.join(env.root, relative)).then(() => true, () => false);
 
 before(async () => {
-    env = await new TestEnvironment().start();
+    env = await new TestEnvironment().start({ tls: true });
 });
 
 after(async () => {
@@ -130,6 +130,33 @@ describe('transfers', () => {
             const envelope = JSON.stringify({ payload: { message: ours }, type: 'ctx_chunk' });
             assert.equal(envelope, message.body);
         }
+    });
+});
+
+describe('connecting', () => {
+    test('TLS with user name and password: the right CA and password connect; a wrong one is refused', async () => {
+        const url = `mqtts://127.0.0.1:${env.tlsPort}`;
+        const ca = await fs.readFile(env.tls.ca);
+        const c = await client({ url, ca, username: 'tablet-1', password: 'secret-1', clientId: 'tablet-1' });
+        assert.equal(c.serviceStatus, 'online');
+        const { contextHash } = await c.list();
+        assert.equal(contextHash, JSON.parse((await env.ctxsync(['--json', 'list'])).stdout).context_hash);
+        await assert.rejects(connectClient({ url, ca, username: 'tablet-1', password: 'wrong', timeoutMs: 5000 }), {
+            code: 'no_broker',
+            message: new RegExp(`^cannot connect to the broker at ${url}: Connection refused: Not authorized$`),
+        });
+        await assert.rejects(connectClient({ url, ca: await fs.readFile(env.tls.otherCa), username: 'tablet-1', password: 'secret-1', timeoutMs: 5000 }), {
+            code: 'no_broker',
+            message: /^cannot connect to the broker at mqtts:\/\/127\.0\.0\.1:\d+: self[- ]signed certificate|unable to verify|certificate/,
+        });
+    });
+
+    test('a broker that is not there is reported as such', async () => {
+        await assert.rejects(connectClient({ url: 'mqtt://127.0.0.1:1', timeoutMs: 3000 }), {
+            code: 'no_broker',
+            message: 'cannot connect to the broker at mqtt://127.0.0.1:1: connect ECONNREFUSED 127.0.0.1:1',
+        });
+        await assert.rejects(connectClient({ url: env.brokerUrl, clientId: 'all' }), { code: 'bad_arguments' });
     });
 });
 
@@ -220,7 +247,7 @@ describe('checks', () => {
         assert.equal(contextHash, listed.context_hash);
         assert.equal(await c.serverHash(), contextHash);
         const dir = await tempDir('ctxjs-status');
-        await c.pullInto(dir);
+        await fs.cp(path.join(env.root, 'background'), path.join(dir, 'background'), { recursive: true });
         await fs.writeFile(path.join(dir, 'background/local_only.png'), 'x');
         const ours = await c.status(dir);
         const theirs = JSON.parse((await env.ctxsync(['--json', 'status', dir])).stdout);
@@ -261,8 +288,11 @@ describe('changes', () => {
         assert.deepEqual(await disk('background/new_c.png'), await fs.readFile(path.join(wanted, 'background/new_c.png')));
     });
 
-    test('sync follows a change made by ctxsync: a new file arrives, a removed one goes', async () => {
+    test('sync follows a change made by ctxsync: a new file arrives, a removed one goes; watch sees the lists', async () => {
         const c = await client({ url: env.wsUrl });
+        const watcher = await client();
+        const events = [];
+        const stopWatching = watcher.watch((event) => events.push(event));
         const dir = await tempDir('ctxjs-sync');
         const controller = new AbortController();
         const rounds = [];
@@ -282,6 +312,11 @@ describe('changes', () => {
         }
         assert.ok(rounds.length >= 3);
         assert.ok(rounds.every((r) => r.failed.length === 0));
+        stopWatching();
+        const final = await watcher.list();
+        const lists = events.filter((e) => e.type === 'ctx_list' && e.broadcast);
+        assert.ok(lists.some((e) => 'background/synced.png' in e.files && !('background/kept_a.png' in e.files)));
+        assert.equal(lists.at(-1).contextHash, final.contextHash);
     });
 
     test('busy server: twelve concurrent pulls all succeed, some after waiting', async () => {

@@ -12,6 +12,13 @@ export function chunkCount(size: number): number;
  */
 export function compressFramed(raw: Uint8Array, level?: number): Uint8Array;
 /**
+ * Replaces the zlib decompression (context-sync-client/node installs node:zlib's, faster than
+ * pako's). Any correct inflate gives the same bytes, so unlike compression this may change freely;
+ * compression stays with pako, whose output is byte-identical to the server's and ctxsync's.
+ * @param {((stream: Uint8Array) => Uint8Array) | null} implementation throws on a corrupt stream
+ */
+export function useInflateImplementation(implementation: ((stream: Uint8Array) => Uint8Array) | null): void;
+/**
  * Undoes compressFramed; null when the framing or the stream is corrupt, or the length does not
  * match.
  * @param {Uint8Array} framed

@@ -4,14 +4,18 @@
  */
 export function brokerUrl(options: ConnectOptions): string;
 /**
- * Connects to the broker and subscribes to the service's topics. Rejects with code "no_broker"
- * when the broker cannot be reached or refuses the connection within `timeoutMs`.
+ * Connects to the broker and subscribes to the service's topics. Resolves once the server's
+ * retained status has come (or STATUS_WAIT_MS after the subscription when the broker has none).
+ * Rejects with code "no_broker" when the broker cannot be reached or refuses the connection
+ * within `timeoutMs`.
  * @param {ConnectOptions} [options]
  * @returns {Promise<ContextSyncConnection>}
  */
 export function connect(options?: ConnectOptions): Promise<ContextSyncConnection>;
 /** The default longest wait for the broker or the server, as ctxsync's --timeout. */
 export const DEFAULT_TIMEOUT_MS: 10000;
+/** How long connect() waits for the server's retained status after subscribing. */
+export const STATUS_WAIT_MS: 1000;
 /** Browsers: writes are buffered up to this many bytes; a chunk message is about 680 KB. */
 export const BROWSER_BUFFER_SIZE: number;
 export class ContextSyncConnection extends Emitter {

@@ -1,8 +1,23 @@
 // context-sync-client/node: everything of the main entry, plus connections over TCP, TLS and
 // WebSocket (through `ws`) and the folder operations of NodeContextSyncClient.
+import { createHash } from 'node:crypto';
 import WebSocket from 'ws';
 import { NodeContextSyncClient } from './node_client.js';
 import { connect as connectCore } from '../connection.js';
+import { useMd5Implementation } from '../md5.js';
+import { useInflateImplementation } from '../chunk.js';
+import { inflateSync } from 'node:zlib';
+
+// Node's own MD5 (OpenSSL) instead of the portable one.
+useMd5Implementation(() => {
+    const hash = createHash('md5');
+    return { update: (bytes) => hash.update(bytes), digestHex: () => hash.digest('hex') };
+});
+// Node's zlib for decompression (any correct inflate gives the same bytes).
+useInflateImplementation((stream) => {
+    const out = inflateSync(stream);
+    return new Uint8Array(out.buffer, out.byteOffset, out.byteLength);
+});
 
 export * from '../index.js';
 export { NodeContextSyncClient } from './node_client.js';

@@ -8,7 +8,8 @@ import { ContextSyncClient } from '../client.js';
 import { compareTrees, contextHash } from '../tree.js';
 import { downloadFiles } from '../download.js';
 import { uploadFiles } from '../upload.js';
-import { replaceTree } from '../requests.js';
+import { replaceTree, LIST_RETRY_MS } from '../requests.js';
+import { sleep } from '../backoff.js';
 import { unsafePathReason, BACKGROUND_FOLDER } from '../paths.js';
 import { FolderSink } from './folder_sink.js';
 import { scanFolder } from './scan.js';
@@ -53,7 +54,11 @@ export class NodeContextSyncClient extends ContextSyncClient {
         const result = await downloadFiles(this.connection, wanted, new FolderSink(dir), options);
         const deleted = [];
         if (options.delete) deleted.push(...(await removeLocal(dir, comparison.onlyLocal)));
-        const after = await scanFolder(dir);
+        // The folder now: what was there, with the files written (verified against the list)
+        // and without those removed; no second hashing of the whole folder.
+        const after = { ...local };
+        for (const f of result.files) if (f.ok) after[f.path] = server[f.path];
+        for (const p of deleted) delete after[p];
         const failed = result.files.filter((f) => !f.ok).map(({ path: p, error, missing, refused }) => ({ path: p, error, missing, refused }));
         return {
             pulled: result.files.filter((f) => f.ok).map((f) => f.path),
@@ -148,6 +153,8 @@ export class NodeContextSyncClient extends ContextSyncClient {
                         server = (await this.list({ timeoutMs: options.timeoutMs, signal })).files;
                     } catch {
                         if (signal?.aborted) break;
+                        // No answer (server offline, connection lost): ask again a little later.
+                        await sleep(LIST_RETRY_MS, signal);
                         continue;
                     }
                 } else {
@@ -165,7 +172,8 @@ export class NodeContextSyncClient extends ContextSyncClient {
                     timeoutMs: options.timeoutMs,
                     deadline: Date.now() + (options.roundDeadlineMs ?? 60000),
                 });
-                round.deleted.push(...(await removeLocal(dir, removedOnServer)));
+                const removed = await removeLocal(dir, removedOnServer);
+                round.deleted.push(...removed);
                 const after = await scanFolder(dir);
                 round.contextHash = contextHash(after);
                 round.inStep = round.contextHash === contextHash(server);

@@ -1,9 +1,9 @@
 // Node: the files object of a local folder, as the server would list it: regular files below the
 // folder (links to files and folders are not followed), without hidden entries and without
 // anything whose name starts with "TMP_" (any case); relative paths with "/" separators.
+import { createHash } from 'node:crypto';
 import { createReadStream, promises as fs } from 'node:fs';
 import path from 'node:path';
-import { Md5 } from '../md5.js';
 import { isIgnoredPath } from '../paths.js';
 
 /**
@@ -12,9 +12,9 @@ import { isIgnoredPath } from '../paths.js';
  * @returns {Promise<string>}
  */
 export async function fileMd5(file) {
-    const md5 = new Md5();
-    for await (const piece of createReadStream(file, { highWaterMark: 1 << 20 })) md5.append(piece);
-    return md5.hex();
+    const md5 = createHash('md5');
+    for await (const piece of createReadStream(file, { highWaterMark: 1 << 20 })) md5.update(piece);
+    return md5.digest('hex');
 }
 
 /**
