@@ -159,9 +159,9 @@ async function sync_images() {
                 const md5 = files[path];
                 if (urls.has(md5) || seen.has(md5)) continue;
                 seen.add(md5);
-                const bytes = await cache.get(md5);
-                if (bytes) {
-                    add_image(md5, bytes);
+                const blob = await cache.get(md5);
+                if (blob) {
+                    show_image(md5, blob);
                     stats.from_cache.push(path);
                 } else {
                     wanted.push(path);
@@ -178,8 +178,7 @@ async function sync_images() {
                     (done, total, bytes) => row.progress(done, total, bytes),
                     (path, bytes, md5) => {
                         stats.downloaded.push(path);
-                        add_image(md5, bytes);
-                        cache.put(md5, bytes);
+                        cache.put(md5, add_image(md5, bytes));
                         render();
                     });
                 stats.batches.push({ files: result.files.filter((f) => f.ok).length, bytes: result.bytes,
@@ -195,11 +194,20 @@ async function sync_images() {
     }
 }
 
-/** @param {string} md5 @param {Uint8Array} bytes */
+/**
+ * Makes an image of a file's bytes and shows it under its MD5; the Blob goes to the store as it is
+ * (no copy of the bytes).
+ * @param {string} md5 @param {Uint8Array} bytes @returns {Blob}
+ */
 function add_image(md5, bytes) {
-    if (urls.has(md5)) return;
-    const type = bytes[0] === 0x89 ? 'image/png' : 'image/jpeg';
-    urls.set(md5, URL.createObjectURL(new Blob([bytes], { type })));
+    const blob = new Blob([bytes], { type: bytes[0] === 0x89 ? 'image/png' : 'image/jpeg' });
+    show_image(md5, blob);
+    return blob;
+}
+
+/** @param {string} md5 @param {Blob} blob */
+function show_image(md5, blob) {
+    if (!urls.has(md5)) urls.set(md5, URL.createObjectURL(blob));
 }
 
 /** Brings the gallery in line with `files`, keeping the cards (and focus) that stay. */
@@ -375,8 +383,7 @@ async function upload(file) {
     const md5 = md5_hex(head);
     const row = transfer_row(`uploading ${file.name}`);
     // The page has the bytes: store them first, so the list that shows the file needs no download.
-    await cache.put(md5, head);
-    add_image(md5, head);
+    await cache.put(md5, add_image(md5, head));
     let result;
     try {
         result = await session.upload(path, head, file.name, (done, total) => row.progress(done, total));

@@ -1,5 +1,6 @@
 // The page's store of downloaded images: IndexedDB database "context-sync-gallery", object store
-// "images", one record {md5, bytes} per distinct content, keyed by its MD5. A reload shows every
+// "images", one record {md5, blob} per distinct content, keyed by its MD5 (a Blob, which the
+// browser stores without copying it on the page's thread). A reload shows every
 // image whose MD5 is here without asking the server for it. Records no list names any more are
 // removed by prune(). All methods are asynchronous; failures (private mode, quota) read as a miss.
 
@@ -35,22 +36,22 @@ export class image_cache {
         return db ? db.transaction(STORE, mode).objectStore(STORE) : null;
     }
 
-    /** @param {string} md5 @returns {Promise<Uint8Array | null>} */
+    /** @param {string} md5 @returns {Promise<Blob | null>} */
     async get(md5) {
         try {
             const store = await this.store('readonly');
             const record = store ? await done(store.get(md5)) : undefined;
-            return record ? new Uint8Array(record.bytes) : null;
+            return record?.blob instanceof Blob ? record.blob : null;
         } catch {
             return null;
         }
     }
 
-    /** @param {string} md5 @param {Uint8Array} bytes */
-    async put(md5, bytes) {
+    /** @param {string} md5 @param {Blob} blob */
+    async put(md5, blob) {
         try {
             const store = await this.store('readwrite');
-            if (store) await done(store.put({ md5, bytes: bytes.slice().buffer }));
+            if (store) await done(store.put({ md5, blob }));
         } catch {
             // A full or missing store only costs a download at the next reload.
         }

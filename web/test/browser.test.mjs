@@ -246,6 +246,9 @@ test('a reload takes the images from IndexedDB and downloads only what changed m
     assert.deepEqual(await page.evaluate(() => window.gallery_stats.downloaded), ['background/later.jpg']);
     assert.deepEqual(await page.evaluate(() => window.gallery_stats.from_cache.sort()),
         ['background/dropped.jpg', 'background/pushed.jpg', 'background/renamed.png', 'background/upload.png']);
+    // What the store gave back are the bytes on the server's disk.
+    assert.equal(await shown_sha256('background/upload.png'), sha256(upload));
+    assert.equal(await shown_sha256('background/renamed.png'), sha256(small));
 });
 
 test('served over TLS by websockify (--cert, --key, --ssl-only), the page connects with wss', async () => {
