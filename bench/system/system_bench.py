@@ -585,15 +585,23 @@ def main():
                         "websockify": f"ws://127.0.0.1:{bridge.port}/"}
                 for transport, url in urls.items():
                     dest = prepare_pull_dir(work, "pull_js_noop", {**sets["random"], **sets["text"]})
-                    _, _, js_noop = js_run(url, ["pull", dest], f"bench-js-noop-{transport}")
+                    _, noop_out, _ = js_run(url, ["pull", dest], f"bench-js-noop-{transport}")
                     dest = prepare_pull_dir(work, f"pull_js_{transport}", sets["text"])
                     log(f"download random by the JavaScript client, {transport} ...")
                     wait_quiet(server.pid)
                     rc, out, seconds = js_run(url, ["pull", dest], f"bench-js-{transport}")
                     ok = rc == 0 and all(same_file(os.path.join(dest, rel), path)
                                          for rel, path in sets["random"].items())
+                    # The pull's own time as the command reports it (list, scan, transfer):
+                    # Node's start-up, several seconds on a loaded machine, stays out.
+                    try:
+                        pull_s = json.loads(out)["transfer_ms"] / 1000.0
+                        noop_s = json.loads(noop_out)["transfer_ms"] / 1000.0
+                    except (ValueError, KeyError, TypeError):
+                        pull_s, noop_s, ok = seconds, 0.0, False
                     results["js"][transport] = {"rc": rc, "ok": ok, "seconds": seconds,
-                                                "noop_s": js_noop, "out": out.strip()[-300:]}
+                                                "pull_s": pull_s, "noop_s": noop_s,
+                                                "out": out.strip()[-300:]}
             finally:
                 bridge.stop()
         else:
@@ -804,7 +812,7 @@ def make_table(r):
     reference_net = set_size / max(reference["seconds"] - noop, 1e-9)
     goals = {"tcp": ">= 0.8", "websockify": ">= 0.8"}
     for transport, j in r.get("js", {}).items():
-        net = set_size / max(j["seconds"] - j["noop_s"], 1e-9)
+        net = set_size / max(j["pull_s"] - j["noop_s"], 1e-9)
         row(f"8 JavaScript pull {set_mb} random, Node, {transport}", mbps(net),
             mbps(reference_net) + " ctxsync, TCP", net / reference_net, goals[transport])
     if r.get("page", {}).get("ms"):

@@ -120,6 +120,13 @@ export class TestEnvironment {
             this.websockify = this.spawn('websockify', [...(web ? ['--web', web] : []), `127.0.0.1:${this.wsPort}`, `127.0.0.1:${this.brokerPort}`]);
             await waitForPort(this.wsPort, this.websockify);
             this.wsUrl = `ws://127.0.0.1:${this.wsPort}/`;
+            if (tls) {
+                // The same bridge over TLS, as a device serves browsers on its network.
+                this.wssPort = await freePort();
+                const bridge = this.spawn('websockify', ['--ssl-only', '--cert', this.tls.cert, '--key', this.tls.key, `127.0.0.1:${this.wssPort}`, `127.0.0.1:${this.brokerPort}`]);
+                await waitForPort(this.wssPort, bridge);
+                this.wssUrl = `wss://127.0.0.1:${this.wssPort}/`;
+            }
         }
         await this.startServer();
         return this;

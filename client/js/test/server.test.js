@@ -151,6 +151,15 @@ describe('connecting', () => {
         });
     });
 
+    test('WebSocket over TLS through websockify: pull byte for byte with the test CA', async () => {
+        const c = await client({ url: env.wssUrl, ca: await fs.readFile(env.tls.ca) });
+        assert.equal(c.serviceStatus, 'online');
+        const result = await c.pull(['background/bg_640x284.png']);
+        assert.equal(result.files[0].ok, true, result.files[0].error);
+        assert.deepEqual(Buffer.from(result.data.get('background/bg_640x284.png')), await fs.readFile(PNG));
+        await assert.rejects(connectClient({ url: env.wssUrl, ca: await fs.readFile(env.tls.otherCa), timeoutMs: 5000 }), { code: 'no_broker' });
+    });
+
     test('a broker that is not there is reported as such', async () => {
         await assert.rejects(connectClient({ url: 'mqtt://127.0.0.1:1', timeoutMs: 3000 }), {
             code: 'no_broker',
