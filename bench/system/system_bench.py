@@ -23,7 +23,12 @@ figure stands next to a baseline measured in the same run, with the ratio and th
     scenario) with 1, 2, 4 and 10 downloads, and its growth during the 50 MB upload against the
     file's size;
   7 latency from a file written into background/ to the ctx_list broadcast reaching
-    `ctxsync watch`, against the 1000 ms debounce.
+    `ctxsync watch`, against the 1000 ms debounce;
+  8 the JavaScript client (client/js, in Node) pulling the random set over TCP and through
+    websockify, against `ctxsync pull` of the same set in the same run (needs node and
+    scripts/setup-js; left out otherwise); and the web page (web/, in headless chromium, served
+    and bridged by websockify) pulling the whole tree, both sets, into an empty browser, against
+    `ctxsync pull` of both sets (needs chromium and the page built by scripts/setup-js).
 
 Pull times have the fixed part of the command taken off: a pull with nothing to fetch. Push times
 are the chunk traffic that `ctxsync --json push` reports as "transfer_ms" (first chunk read to
@@ -263,6 +268,56 @@ def ctxsync_run(server, args, client_id, timeout=60):
     done = subprocess.run(ctxsync_args(server, args, client_id, timeout), capture_output=True,
                           timeout=timeout * 20)
     return done.returncode, done.stdout.decode(errors="replace"), time.monotonic() - start
+
+
+JS_DIR = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "client", "js")
+JS_CLI = os.path.join(JS_DIR, "examples", "ctxsync.mjs")
+WEB_DIR = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "web")
+
+
+def page_available():
+    """The built page, its packages and chromium: what the browser row needs."""
+    return (shutil.which("node") is not None and os.path.exists("/usr/bin/chromium")
+            and os.path.isfile(os.path.join(WEB_DIR, "dist", "index.html"))
+            and os.path.isdir(os.path.join(WEB_DIR, "node_modules", "puppeteer-core")))
+
+
+def js_available():
+    return shutil.which("node") is not None and os.path.isdir(
+        os.path.join(JS_DIR, "node_modules", "mqtt"))
+
+
+def js_run(url, args, client_id, timeout=120):
+    """The JavaScript client's command line (client/js/examples/ctxsync.mjs) in Node."""
+    start = time.monotonic()
+    done = subprocess.run(["node", JS_CLI, "--broker", url, "--client-id", client_id,
+                           "--timeout", "60"] + args, capture_output=True, timeout=timeout * 20)
+    return done.returncode, done.stdout.decode(errors="replace"), time.monotonic() - start
+
+
+class websockify_t:
+    """websockify in front of the broker's TCP listener, as a browser reaches it."""
+
+    def __init__(self, work, broker_port, web=None):
+        self.port = free_port()
+        self.log = open(os.path.join(work, "websockify.log"), "wb")
+        self.process = subprocess.Popen(
+            ["websockify"] + (["--web", web] if web else [])
+            + [f"127.0.0.1:{self.port}", f"127.0.0.1:{broker_port}"],
+            stdout=self.log, stderr=subprocess.STDOUT)
+        deadline = time.monotonic() + 10
+        while time.monotonic() < deadline:
+            try:
+                socket.create_connection(("127.0.0.1", self.port), timeout=0.2).close()
+                return
+            except OSError:
+                time.sleep(0.05)
+        raise RuntimeError("websockify did not start")
+
+    def stop(self):
+        self.process.terminate()
+        self.process.wait(10)
+        self.log.close()
 
 
 def run_parallel(server, jobs):
@@ -521,6 +576,58 @@ def main():
                                          "peak_kb": peak.peak_kb, "rest_kb": peak.rest_kb,
                                          "cpu_s": peak.cpu}
 
+        # 8. the JavaScript client pulling the random set, over TCP and through websockify.
+        if js_available():
+            results["js"] = {}
+            bridge = websockify_t(work, broker.port)
+            try:
+                urls = {"tcp": f"mqtt://127.0.0.1:{broker.port}",
+                        "websockify": f"ws://127.0.0.1:{bridge.port}/"}
+                for transport, url in urls.items():
+                    dest = prepare_pull_dir(work, "pull_js_noop", {**sets["random"], **sets["text"]})
+                    _, noop_out, _ = js_run(url, ["pull", dest], f"bench-js-noop-{transport}")
+                    dest = prepare_pull_dir(work, f"pull_js_{transport}", sets["text"])
+                    log(f"download random by the JavaScript client, {transport} ...")
+                    wait_quiet(server.pid)
+                    rc, out, seconds = js_run(url, ["pull", dest], f"bench-js-{transport}")
+                    ok = rc == 0 and all(same_file(os.path.join(dest, rel), path)
+                                         for rel, path in sets["random"].items())
+                    # The pull's own time as the command reports it (list, scan, transfer):
+                    # Node's start-up, several seconds on a loaded machine, stays out.
+                    try:
+                        pull_s = json.loads(out)["transfer_ms"] / 1000.0
+                        noop_s = json.loads(noop_out)["transfer_ms"] / 1000.0
+                    except (ValueError, KeyError, TypeError):
+                        pull_s, noop_s, ok = seconds, 0.0, False
+                    results["js"][transport] = {"rc": rc, "ok": ok, "seconds": seconds,
+                                                "pull_s": pull_s, "noop_s": noop_s,
+                                                "out": out.strip()[-300:]}
+            finally:
+                bridge.stop()
+        else:
+            log("node or client/js/node_modules missing (scripts/setup-js): no JavaScript rows")
+
+        # 8. the web page in chromium pulling the whole tree through websockify.
+        if page_available():
+            bridge = websockify_t(work, broker.port, os.path.join(WEB_DIR, "dist"))
+            try:
+                log("download of both sets by the web page in chromium ...")
+                wait_quiet(server.pid)
+                done = subprocess.run(
+                    ["node", os.path.join(WEB_DIR, "bench", "page_pull.mjs"),
+                     "--page", f"http://127.0.0.1:{bridge.port}/", "--images", str(2 * images)],
+                    capture_output=True, timeout=1800)
+                out = done.stdout.decode(errors="replace").strip()
+                page = json.loads(out.splitlines()[-1]) if done.returncode == 0 and out else {}
+                results["page"] = {"ok": page.get("files") == 2 * images
+                                   and page.get("bytes") == 2 * set_size,
+                                   "bytes": page.get("bytes", 0), "ms": page.get("ms", 0),
+                                   "out": (out + done.stderr.decode(errors="replace"))[-300:]}
+            finally:
+                bridge.stop()
+        else:
+            log("chromium, web/node_modules or web/dist missing (scripts/setup-js): no page row")
+
         # 3 and 6: several clients at once, each pulling the random set.
         results["parallel"] = {}
         for clients in (2, 4, 10):
@@ -592,6 +699,9 @@ def main():
     failed = [f"download {k}" for k, v in results["download"].items() if not v["ok"]]
     failed += [f"upload {k}" for k, v in results["upload"].items() if not v["ok"]]
     failed += [f"{k} downloads" for k, v in results["parallel"].items() if not v["ok"]]
+    failed += [f"JavaScript download, {k}" for k, v in results.get("js", {}).items() if not v["ok"]]
+    if "page" in results and not results["page"]["ok"]:
+        failed.append("web page download")
     if failed:
         log(f"transfers that failed or did not verify: {', '.join(failed)}")
         return 1
@@ -697,6 +807,20 @@ def make_table(r):
     median = lat[len(lat) // 2]
     row(f"7 write to ctx_list (median of {len(lat)})", f"{median * 1000:.0f} ms",
         "1000 ms debounce", median, "about 1")
+
+    reference = r["download"]["random"]
+    reference_net = set_size / max(reference["seconds"] - noop, 1e-9)
+    goals = {"tcp": ">= 0.8", "websockify": ">= 0.8"}
+    for transport, j in r.get("js", {}).items():
+        net = set_size / max(j["pull_s"] - j["noop_s"], 1e-9)
+        row(f"9 JavaScript pull {set_mb} random, Node, {transport}", mbps(net),
+            mbps(reference_net) + " ctxsync, TCP", net / reference_net, goals[transport])
+    if r.get("page", {}).get("ms"):
+        both = [r["download"][kind] for kind in KINDS]
+        both_net = 2 * set_size / max(sum(d["seconds"] - noop for d in both), 1e-9)
+        net = r["page"]["bytes"] / (r["page"]["ms"] / 1000.0)
+        row(f"10 web page pull {2 * set_size / MB:.0f} MB, chromium, websockify", mbps(net),
+            mbps(both_net) + " ctxsync, TCP, both sets", net / both_net, ">= 0.6")
 
     header = ("measurement", "value", "baseline", "ratio", "goal")
     widths = [max(len(str(x[i])) for x in rows + [header]) for i in range(5)]

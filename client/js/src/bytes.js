@@ -1,0 +1,112 @@
+// Byte helpers that work the same in browsers and in Node: UTF-8 text, Base64 (standard
+// alphabet, "=" padding, no line breaks) and joining byte arrays. No Node Buffer is needed;
+// where Node's Buffer exists it is used for Base64 because it is several times faster.
+
+const encoder = new TextEncoder();
+const decoder = new TextDecoder();
+
+/** @param {string} text @returns {Uint8Array} */
+export function utf8Encode(text) {
+    return encoder.encode(text);
+}
+
+/** @param {Uint8Array} bytes @returns {string} */
+export function utf8Decode(bytes) {
+    return decoder.decode(bytes);
+}
+
+const ALPHABET = 'ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/';
+const LOOKUP = new Int16Array(256).fill(-1);
+for (let i = 0; i < ALPHABET.length; i++) LOOKUP[ALPHABET.charCodeAt(i)] = i;
+
+const NodeBuffer = /** @type {any} */ (globalThis).Buffer;
+
+/**
+ * Base64 of `bytes`, standard alphabet with "=" padding and no line breaks.
+ * @param {Uint8Array} bytes
+ * @returns {string}
+ */
+export function base64Encode(bytes) {
+    if (NodeBuffer) return NodeBuffer.from(bytes.buffer, bytes.byteOffset, bytes.byteLength).toString('base64');
+    const parts = [];
+    const step = 3 * 4096;
+    for (let start = 0; start < bytes.length; start += step) {
+        const end = Math.min(start + step, bytes.length);
+        let out = '';
+        let i = start;
+        for (; i + 2 < end; i += 3) {
+            const n = (bytes[i] << 16) | (bytes[i + 1] << 8) | bytes[i + 2];
+            out += ALPHABET[n >> 18] + ALPHABET[(n >> 12) & 63] + ALPHABET[(n >> 6) & 63] + ALPHABET[n & 63];
+        }
+        if (end - i === 1) {
+            const n = bytes[i] << 16;
+            out += ALPHABET[n >> 18] + ALPHABET[(n >> 12) & 63] + '==';
+        } else if (end - i === 2) {
+            const n = (bytes[i] << 16) | (bytes[i + 1] << 8);
+            out += ALPHABET[n >> 18] + ALPHABET[(n >> 12) & 63] + ALPHABET[(n >> 6) & 63] + '=';
+        }
+        parts.push(out);
+    }
+    return parts.join('');
+}
+
+/**
+ * Decodes Base64 leniently, as the server does: characters outside the alphabet are skipped and
+ * decoding stops at the first "=". The MD5 check of the decoded bytes decides whether they are good.
+ * @param {string} text
+ * @returns {Uint8Array}
+ */
+export function base64Decode(text) {
+    // Node's decoder is native; its result is taken when it used every character (nothing was
+    // skipped), which is the case for all well-formed Base64. Anything else takes the lenient path.
+    if (NodeBuffer && text.length % 4 === 0) {
+        const decoded = NodeBuffer.from(text, 'base64');
+        const padding = text.endsWith('==') ? 2 : text.endsWith('=') ? 1 : 0;
+        if (decoded.byteLength === (text.length / 4) * 3 - padding)
+            return new Uint8Array(decoded.buffer, decoded.byteOffset, decoded.byteLength);
+    }
+    const out = new Uint8Array(Math.floor((text.length * 3) / 4) + 3);
+    let length = 0;
+    let accumulator = 0;
+    let bits = 0;
+    for (let i = 0; i < text.length; i++) {
+        const code = text.charCodeAt(i);
+        if (code === 61) break; // "="
+        const value = code < 256 ? LOOKUP[code] : -1;
+        if (value < 0) continue;
+        accumulator = (accumulator << 6) | value;
+        bits += 6;
+        if (bits >= 8) {
+            bits -= 8;
+            out[length++] = (accumulator >> bits) & 0xff;
+        }
+    }
+    return out.subarray(0, length);
+}
+
+/**
+ * @param {Uint8Array[]} parts
+ * @returns {Uint8Array}
+ */
+export function concatBytes(parts) {
+    let total = 0;
+    for (const part of parts) total += part.length;
+    const out = new Uint8Array(total);
+    let offset = 0;
+    for (const part of parts) {
+        out.set(part, offset);
+        offset += part.length;
+    }
+    return out;
+}
+
+/**
+ * A Uint8Array view of any binary input (ArrayBuffer, typed array, DataView, Node Buffer).
+ * @param {ArrayBuffer | ArrayBufferView} data
+ * @returns {Uint8Array}
+ */
+export function asBytes(data) {
+    if (data instanceof Uint8Array) return data;
+    if (ArrayBuffer.isView(data)) return new Uint8Array(data.buffer, data.byteOffset, data.byteLength);
+    return new Uint8Array(data);
+}

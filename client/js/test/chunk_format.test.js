@@ -1,0 +1,160 @@
+// The chunk format without a broker: compression framing byte-identical to the system zlib at
+// level 9 (what the server's and ctxsync's compression produce), chunk counts, Base64, the
+// checks of decodeChunk, the context hash and the path rule.
+import { test } from 'node:test';
+import assert from 'node:assert/strict';
+import { createHash } from 'node:crypto';
+import { promises as fs } from 'node:fs';
+import path from 'node:path';
+import { execFileSync } from 'node:child_process';
+import {
+    CHUNK_SIZE, chunkCount, compressFramed, decompressFramed, encodeChunk, decodeChunk, encodeAck,
+    base64Encode, base64Decode, contextHash, EMPTY_CONTEXT_HASH, unsafePathReason, md5Hex, Md5,
+    backoffCeilingMs, backoffDelayMs,
+} from '../src/index.js';
+import { IMAGES_DIR } from './harness.js';
+
+/**
+ * The framing as the system zlib makes it (4-byte big-endian length, compress2 at level 9), for
+ * several inputs in one run of python3 (its zlib module is the system zlib).
+ */
+function systemFramed(inputs) {
+    const script = [
+        'import sys,zlib,struct',
+        'd=sys.stdin.buffer.read();i=0;o=[]',
+        'while i<len(d):',
+        ' n=struct.unpack(">I",d[i:i+4])[0];r=d[i+4:i+4+n];i+=4+n',
+        ' f=struct.pack(">I",len(r))+zlib.compress(r,9);o.append(struct.pack(">I",len(f))+f)',
+        'sys.stdout.buffer.write(b"".join(o))',
+    ].join('\n');
+    const input = Buffer.concat(
+        inputs.flatMap((raw) => {
+            const length = Buffer.alloc(4);
+            length.writeUInt32BE(raw.length);
+            return [length, Buffer.from(raw)];
+        }),
+    );
+    const output = execFileSync('python3', ['-c', script], { input, maxBuffer: 64 << 20 });
+    const framed = [];
+    for (let i = 0; i < output.length; ) {
+        const n = output.readUInt32BE(i);
+        framed.push(new Uint8Array(output.subarray(i + 4, i + 4 + n)));
+        i += 4 + n;
+    }
+    return framed;
+}
+
+const md5 = (bytes) => createHash('md5').update(bytes).digest('hex');
+
+test('compression framing is byte-identical to the system zlib at level 9 for every test image and chunk', async () => {
+    const inputs = [];
+    for (const name of (await fs.readdir(IMAGES_DIR)).sort()) {
+        const bytes = new Uint8Array(await fs.readFile(path.join(IMAGES_DIR, name)));
+        for (let i = 0; i < chunkCount(bytes.length); i++) inputs.push(bytes.subarray(i * CHUNK_SIZE, (i + 1) * CHUNK_SIZE));
+    }
+    // Compressible and incompressible data of a whole chunk, and the smallest inputs.
+    inputs.push(new TextEncoder().encode('background/wall.png '.repeat(CHUNK_SIZE / 20)));
+    inputs.push(new Uint8Array(CHUNK_SIZE).map((_, i) => (i * 2654435761) >>> 24));
+    inputs.push(new Uint8Array(0), new Uint8Array(1));
+    assert.equal(inputs.length, 20);
+    const expected = systemFramed(inputs);
+    assert.equal(expected.length, inputs.length);
+    inputs.forEach((raw, i) => assert.deepEqual(Buffer.from(compressFramed(raw)), Buffer.from(expected[i]), `input ${i}`));
+});
+
+test('the framing starts with the big-endian length and a level-9 zlib header, and round-trips', () => {
+    const raw = new Uint8Array(1722).fill(7);
+    const framed = compressFramed(raw);
+    assert.deepEqual([...framed.subarray(0, 6)], [0x00, 0x00, 0x06, 0xba, 0x78, 0xda]);
+    assert.deepEqual(decompressFramed(framed), raw);
+    assert.equal(decompressFramed(framed.subarray(0, 10)), null);
+    const wrongLength = framed.slice();
+    wrongLength[3] ^= 1;
+    assert.equal(decompressFramed(wrongLength), null);
+});
+
+test('chunk counts: 0 bytes none, 512000 one, 512001 two', () => {
+    assert.equal(chunkCount(0), 0);
+    assert.equal(chunkCount(1), 1);
+    assert.equal(chunkCount(512000), 1);
+    assert.equal(chunkCount(512001), 2);
+    assert.equal(chunkCount(3 * 512000), 3);
+});
+
+test('a chunk object has the nine keys, decodes to its raw bytes, and fails when altered', () => {
+    const raw = new Uint8Array(4000).map((_, i) => i % 251);
+    const chunk = encodeChunk({ file: 'background/a.png', index: 1, totalChunks: 3, remainingFiles: 2, raw, now: 1795240800123 });
+    assert.deepEqual(Object.keys(chunk).sort(), ['chunk_index', 'compression', 'data', 'file', 'hash', 'percent', 'remaining_files', 'speed', 'total_chunks']);
+    assert.equal(chunk.hash, md5(raw));
+    assert.equal(chunk.compression, 9);
+    assert.equal(chunk.percent, 0);
+    assert.equal(chunk.speed, 1795240800);
+    assert.equal(chunk.data, Buffer.from(systemFramed([raw])[0]).toString('base64'));
+    const decoded = decodeChunk(chunk);
+    assert.equal(decoded.valid, true);
+    assert.deepEqual(decoded.bytes, raw);
+    assert.equal(decoded.index, 1);
+    assert.equal(decoded.totalChunks, 3);
+
+    assert.equal(decodeChunk({ ...chunk, hash: chunk.hash.toUpperCase() }).valid, false);
+    const flipped = Buffer.from(chunk.data, 'base64');
+    flipped[flipped.length - 1] ^= 0xff;
+    assert.equal(decodeChunk({ ...chunk, data: flipped.toString('base64') }).valid, false);
+    const plain = { ...chunk, compression: 0, data: Buffer.from(raw).toString('base64') };
+    assert.equal(decodeChunk(plain).valid, true);
+    assert.equal(decodeChunk({ ...plain, compression: -1 }).valid, false);
+    assert.deepEqual(encodeAck('background/a.png', 1), { file: 'background/a.png', chunkIndex: 1 });
+});
+
+test('Base64 matches Node and decodes leniently', () => {
+    for (const length of [0, 1, 2, 3, 4, 5, 1000, 12289]) {
+        const bytes = new Uint8Array(length).map((_, i) => (i * 31 + 7) & 255);
+        const text = base64Encode(bytes);
+        assert.equal(text, Buffer.from(bytes).toString('base64'));
+        assert.deepEqual(base64Decode(text), bytes);
+        assert.deepEqual(base64Decode(text.replace(/(.{10})/g, '$1\n*')), bytes);
+    }
+});
+
+test('MD5 whole and incremental', () => {
+    const bytes = new Uint8Array(1_100_000).map((_, i) => i & 255);
+    assert.equal(md5Hex(bytes), md5(bytes));
+    assert.equal(new Md5().append(bytes.subarray(0, 512000)).append(bytes.subarray(512000)).hex(), md5(bytes));
+    assert.equal(md5Hex('background/a.png'), md5('background/a.png'));
+});
+
+test('context hash: empty tree, order by code units, documented example', () => {
+    assert.equal(contextHash({}), EMPTY_CONTEXT_HASH);
+    assert.equal(md5('d41d8cd98f00b204e9800998ecf8427ed41d8cd98f00b204e9800998ecf8427e'), EMPTY_CONTEXT_HASH);
+    const files = { 'background/b.jpg': '83eec03a45531e3f2b3545f70ebd4539', 'background/a.png': '06f97f4c370b69745fe88f0cfbeaeb47' };
+    const names = md5('background/a.pngbackground/b.jpg');
+    const contents = md5('06f97f4c370b69745fe88f0cfbeaeb4783eec03a45531e3f2b3545f70ebd4539');
+    assert.equal(contextHash(files), md5(names + contents));
+    // By UTF-16 code units: "B" before "z" before "é"; a surrogate pair (0xD83D...) before U+FFFD.
+    const mixed = { 'background/z.png': '1', 'background/é.png': '2', 'background/B.png': '3', 'background/\u{1F600}.png': '4', 'background/\uFFFD.png': '5' };
+    const order = ['background/B.png', 'background/z.png', 'background/é.png', 'background/\u{1F600}.png', 'background/\uFFFD.png'];
+    assert.equal(contextHash(mixed), md5(md5(order.join('')) + md5(order.map((p) => mixed[p]).join(''))));
+});
+
+test('the path rule refuses what the server refuses', () => {
+    assert.equal(unsafePathReason('background/a.png'), null);
+    assert.equal(unsafePathReason(''), 'is empty');
+    assert.equal(unsafePathReason('/etc/passwd'), 'is absolute');
+    assert.equal(unsafePathReason('background/../../x'), "contains a '..' segment");
+    assert.equal(unsafePathReason('./a'), "contains a '.' segment");
+    assert.equal(unsafePathReason('a//b'), 'contains an empty segment');
+    assert.equal(unsafePathReason('a\\b'), 'contains a backslash');
+    assert.equal(unsafePathReason('a\nb'), 'contains a control character');
+    assert.equal(unsafePathReason('a\u0085b'), 'contains a control character');
+    assert.equal(unsafePathReason('a'.repeat(1025)), 'is longer than 1024 bytes');
+    assert.equal(unsafePathReason('é'.repeat(513)), 'is longer than 1024 bytes');
+    assert.equal(unsafePathReason('é'.repeat(512)), null);
+    assert.equal(unsafePathReason('a\ud800b'), 'is not valid text');
+});
+
+test('busy back-off: before try n the wait is in [c/2, c], c = min(8000, 500 x 2^(n-2))', () => {
+    assert.deepEqual([1, 2, 3, 4, 5, 6, 7, 8, 20].map(backoffCeilingMs), [0, 500, 1000, 2000, 4000, 8000, 8000, 8000, 8000]);
+    assert.equal(backoffDelayMs(2, () => 0), 250);
+    assert.equal(backoffDelayMs(2, () => 0.999999) <= 500, true);
+    assert.equal(backoffDelayMs(6, () => 0.5), 6000);
+});
