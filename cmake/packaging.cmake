@@ -10,13 +10,15 @@
 # that go into the package besides the programs live in packaging/debian/; docs/deployment.md
 # says how to install, configure and upgrade.
 
-# Debian puts libraries into the multiarch folder; GNUInstallDirs only does so for the prefix /usr,
-# while the package's prefix is set by CPack, so the folder is named here.
-if(NOT DEFINED CMAKE_INSTALL_LIBDIR AND CMAKE_LIBRARY_ARCHITECTURE)
-    set(CMAKE_INSTALL_LIBDIR "lib/${CMAKE_LIBRARY_ARCHITECTURE}" CACHE PATH
-        "Object code libraries (lib/<multiarch> on Debian)")
-endif()
+# Debian puts libraries into the multiarch folder. GNUInstallDirs (which Qt's project set-up has
+# included already) only does so for the prefix /usr, while the package's prefix is set by CPack,
+# so the folder is named here.
 include(GNUInstallDirs)
+if(CMAKE_LIBRARY_ARCHITECTURE)
+    set(CONTEXT_SYNC_INSTALL_LIBDIR "lib/${CMAKE_LIBRARY_ARCHITECTURE}")
+else()
+    set(CONTEXT_SYNC_INSTALL_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
+endif()
 
 # The libraries are installed where the dynamic linker looks anyway: the build tree's RPATH is
 # dropped on installation and none is put in its place.
@@ -41,7 +43,7 @@ set(CONTEXT_SYNC_UNIT_DIR "/lib/systemd/system")
 function(context_sync_install_runtime)
     install(TARGETS ${ARGN}
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_SKIP)
+        LIBRARY DESTINATION ${CONTEXT_SYNC_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_SKIP)
 endfunction()
 
 # Files made from the templates of packaging/debian/ with the names above.
@@ -111,9 +113,9 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 # only recommended.
 if(CMAKE_CROSSCOMPILING)
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
-    set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6 (>= 2.36), libgcc-s1 (>= 3.5), libstdc++6 (>= 12), \
-libqt6core6 (>= 6.4.2), libqt6network6 (>= 6.4.2), libqt6core5compat6 (>= 6.4.2), \
-libmosquitto1 (>= 2.0.11), libspdlog1.10 (>= 1:1.10.0), libfmt9 (>= 9.1.0), passwd")
+    set(CPACK_DEBIAN_PACKAGE_DEPENDS "passwd, libc6 (>= 2.34), libgcc-s1 (>= 3.5), \
+libmosquitto1 (>= 1.6), libqt6core6 (>= 6.4.0), libqt6network6 (>= 6.1.2), libspdlog1.10-fmt9, \
+libstdc++6 (>= 12), zlib1g (>= 1:1.1.4)")
 else()
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
     set(CPACK_DEBIAN_PACKAGE_DEPENDS "passwd")

@@ -43,6 +43,8 @@ fail() {
 step() {
     echo "--- $* ($SECONDS s)"
 }
+# A command that fails without a message of its own still says where.
+trap 'echo "FAILED: line $LINENO: $BASH_COMMAND" >&2' ERR
 
 # --- may this run here at all? ----------------------------------------------------------------
 if [ "$(id -u)" -ne 0 ]; then
@@ -111,7 +113,8 @@ snapshot() {
         dpkg-statoverride --list | sort
         echo "# files"
         find /etc/systemd /var/lib/systemd/deb-systemd-helper-enabled \
-            /var/lib/systemd/deb-systemd-helper-masked /lib/systemd/system 2>/dev/null | sort
+            /var/lib/systemd/deb-systemd-helper-masked /lib/systemd/system 2>/dev/null | sort \
+            || true
         find /etc /var/lib /var/log -maxdepth 1 | sort
         echo "# dpkg database"
         ls /var/lib/dpkg/info | grep "^$name[.:]" || true
@@ -154,8 +157,11 @@ for program in /usr/bin/context_sync_server /usr/bin/ctxsync; do
         cat "$work/ldd.txt"
         fail "$program has libraries the dynamic linker cannot find"
     fi
-    grep -q "libcontext_sync.so.0 => $lib_dir/libcontext_sync.so.0 " "$work/ldd.txt" \
-        || fail "$program does not load $lib_dir/libcontext_sync.so.0"
+    # /lib is /usr/lib on a merged-/usr system; the linker may name either.
+    for library in libcontext_sync liborvane_platform; do
+        grep -qE "^\s$library\.so\.0 => (/usr)?/lib/$multiarch/$library\.so\.0 " "$work/ldd.txt" \
+            || fail "$program does not load $lib_dir/$library.so.0: $(grep "$library" "$work/ldd.txt")"
+    done
 done
 [ "$(env -i /usr/bin/context_sync_server --version)" \
     = "context_sync_server ${version%-*} (libcontext_sync ${version%-*})" ] \
@@ -227,25 +233,26 @@ cp "$settings" "$work/settings-changed.json"
 exec_start=$(sed -n 's/^ExecStart=//p' "$unit")
 read -r -a command_line <<<"$exec_start"
 [ "${command_line[0]}" = /usr/bin/context_sync_server ] || fail "ExecStart runs ${command_line[0]}"
-touch "$work/started"
 (cd / && exec env -i PATH=/usr/bin:/bin LANG=C.UTF-8 setpriv --reuid "$user" --regid "$user" \
     --init-groups --no-new-privs "${command_line[@]}" >"$work/server.out" 2>&1) &
 server_pid=$!
-log_file=$log_dir/server-orvane.log
-for _ in $(seq 200); do
-    grep -qF "Context sync service running on $root_dir/" "$log_file" 2>/dev/null && break
+# The console (the journal, under systemd) has every line at once; the log file is checked after
+# the stop, which flushes it.
+running="Context sync service running on $root_dir/"
+connected="MQTT connected to 127.0.0.1:$port as context-sync-server"
+for _ in $(seq 1200); do
+    grep -qF "$connected" "$work/server.out" && break
     kill -0 "$server_pid" 2>/dev/null || fail "the installed server ended early"
     sleep 0.05
 done
-grep -qF "Context sync service running on $root_dir/" "$log_file" \
-    || fail "no 'Context sync service running on $root_dir/' in $log_file"
-grep -qF "Connecting to MQTT broker 127.0.0.1:$port as context-sync-server, topic base orvane" \
-    "$log_file" || fail "the server does not use the broker of $settings"
+grep -qF "$running" "$work/server.out" || fail "the server did not say '$running'"
+grep -qF "$connected" "$work/server.out" || fail "the server did not say '$connected'"
 
 ctxsync=(env -i PATH=/usr/bin:/bin LANG=C.UTF-8 /usr/bin/ctxsync --broker "127.0.0.1:$port"
     --timeout 20)
 small=$images/bg_640x284.png
 large=$images/padded_1048576.png # three chunks
+step "ctxsync push, list, pull"
 "${ctxsync[@]}" push "$small" "$large" >"$work/push.out" 2>&1 || {
     cat "$work/push.out"
     fail "ctxsync push"
@@ -278,17 +285,22 @@ assert document["mqtt"]["port"] == int(sys.argv[2]), document
 assert document["global"]["installation_id"], document
 PY
 
+step "stopping the server"
 kill -TERM "$server_pid"
 server_status=0
 wait "$server_pid" || server_status=$?
 server_pid=""
 [ "$server_status" -eq 0 ] || fail "the server ended with status $server_status after SIGTERM"
-grep -qF "context_sync_server stopped" "$log_file" || fail "no 'context_sync_server stopped' in the log"
-# Everything the server wrote lies in the folders the unit's ReadWritePaths names (a private /tmp
-# and /dev/shm are the unit's too).
-find / -xdev \( -path /proc -o -path /sys -o -path /tmp -o -path /work -o -path /dev \) -prune \
-    -o -user "$user" -newer "$work/started" -print 2>/dev/null \
-    | grep -v -e "^$root_dir" -e "^$state_dir" -e "^$log_dir" >"$work/outside.txt" || true
+log_file=$log_dir/server-orvane.log
+for line in "$running" "$connected" "context_sync_server stopped"; do
+    grep -qF "$line" "$log_file" || fail "no '$line' in $log_file"
+done
+check_stat "$log_file" "$user:$user 644"
+# The user can write only to its own folders and the world-writable ones; of the latter, the unit
+# gives it a private /tmp and /dev (PrivateTmp, PrivateDevices). So everything it wrote must lie in
+# the folders that ReadWritePaths names.
+find /var/tmp /dev/shm /run/lock /dev/mqueue "$var_dir" -xdev -user "$user" 2>/dev/null \
+    | grep -v -e "^$root_dir" -e "^$state_dir" >"$work/outside.txt" || true
 if [ -s "$work/outside.txt" ]; then
     cat "$work/outside.txt"
     fail "the server wrote outside $root_dir, $state_dir and $log_dir"
