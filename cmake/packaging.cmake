@@ -111,11 +111,13 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 # useradd/groupadd (passwd) in postinst; the broker may run on another machine, so mosquitto is
 # only recommended.
-if(CMAKE_CROSSCOMPILING)
-    set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
-    set(CPACK_DEBIAN_PACKAGE_DEPENDS "passwd, libc6 (>= 2.34), libgcc-s1 (>= 3.5), \
+# package_install_test checks that the native package depends on exactly these packages.
+set(CONTEXT_SYNC_CROSS_DEPENDS "passwd, libc6 (>= 2.34), libgcc-s1 (>= 3.5), \
 libmosquitto1 (>= 1.6), libqt6core6 (>= 6.4.0), libqt6network6 (>= 6.1.2), libspdlog1.10-fmt9, \
 libstdc++6 (>= 12), zlib1g (>= 1:1.1.4)")
+if(CMAKE_CROSSCOMPILING)
+    set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
+    set(CPACK_DEBIAN_PACKAGE_DEPENDS "${CONTEXT_SYNC_CROSS_DEPENDS}")
 else()
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
     set(CPACK_DEBIAN_PACKAGE_DEPENDS "passwd")

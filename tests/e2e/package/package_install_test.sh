@@ -13,13 +13,16 @@
 #      was before step 1 (users, groups, dpkg's overrides, systemd's links, every file of the
 #      package).
 #
-# Usage: package_install_test.sh PACKAGE.deb IMAGES_DIR
+# Usage: package_install_test.sh PACKAGE.deb IMAGES_DIR CROSS_DEPENDS
+# CROSS_DEPENDS is the Depends list that cross builds name themselves (cmake/packaging.cmake): it
+# must name the same packages as dpkg-shlibdeps finds for this native package.
 # Exit status 77 (skipped) when not run as root, when a tool is missing, or when the package, its
 # user or its folders are on this machine already: a real installation is never touched.
 set -euo pipefail
 
 deb="$1"
 images="$2"
+cross_depends="$3"
 
 name=context-sync
 user=context-sync
@@ -169,7 +172,12 @@ done
 env -i /usr/bin/ctxsync --version | grep -qF "${version%-*}" || fail "installed ctxsync --version"
 [ -f "$unit" ] || fail "$unit is missing"
 [ -f "/usr/share/doc/$name/deployment.md" ] || fail "/usr/share/doc/$name/deployment.md is missing"
-dpkg-deb -f "$deb" Depends | grep -q "libqt6core6" || fail "Depends does not name libqt6core6"
+package_names() { tr ',' '\n' | sed 's/(.*)//; s/[[:space:]]//g' | grep -v '^$' | sort; }
+dpkg-deb -f "$deb" Depends | package_names >"$work/depends.native"
+echo "$cross_depends" | package_names >"$work/depends.cross"
+grep -qx libqt6core6 "$work/depends.native" || fail "Depends does not name libqt6core6"
+diff -u "$work/depends.cross" "$work/depends.native" \
+    || fail "the Depends of cross builds (cmake/packaging.cmake) name other packages"
 dpkg-deb -f "$deb" Recommends | grep -qx "mosquitto" || fail "Recommends is not mosquitto"
 
 step "user, folders, conffile, unit"
