@@ -35,7 +35,9 @@ set(CONTEXT_SYNC_ROOT_DIR "${CONTEXT_SYNC_VAR_DIR}/context_root")
 set(CONTEXT_SYNC_STATE_DIR "${CONTEXT_SYNC_VAR_DIR}/state")
 set(CONTEXT_SYNC_LOG_DIR "/var/log/context_sync")
 set(CONTEXT_SYNC_PACKAGE_PREFIX "/usr")
-set(CONTEXT_SYNC_SERVER_PROGRAM "${CONTEXT_SYNC_PACKAGE_PREFIX}/${CMAKE_INSTALL_BINDIR}/context_sync_server")
+set(CONTEXT_SYNC_SERVER_PROGRAM
+    "${CONTEXT_SYNC_PACKAGE_PREFIX}/${CMAKE_INSTALL_BINDIR}/context_sync_server")
+# Debian 12's folder for the units of packages (systemd.pc's systemdsystemunitdir).
 set(CONTEXT_SYNC_UNIT_DIR "/lib/systemd/system")
 
 # install() rules of the programs and libraries; every target installs into the one component the
@@ -47,8 +49,8 @@ function(context_sync_install_runtime)
 endfunction()
 
 # Files made from the templates of packaging/debian/ with the names above.
-set(_debian_in "${CMAKE_SOURCE_DIR}/packaging/debian")
-set(_debian_out "${CMAKE_BINARY_DIR}/packaging/debian")
+set(_debian_in "${PROJECT_SOURCE_DIR}/packaging/debian")
+set(_debian_out "${PROJECT_BINARY_DIR}/packaging/debian")
 foreach(_file IN ITEMS postinst prerm postrm conffiles)
     configure_file("${_debian_in}/${_file}.in" "${_debian_out}/${_file}" @ONLY
         FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
@@ -63,7 +65,7 @@ install(FILES "${_debian_out}/${CONTEXT_SYNC_SERVICE_NAME}.service"
     DESTINATION "${CONTEXT_SYNC_UNIT_DIR}" COMPONENT runtime)
 install(FILES "${_debian_out}/server-settings.json"
     DESTINATION "${CONTEXT_SYNC_ETC_DIR}" COMPONENT runtime)
-install(FILES "${CMAKE_SOURCE_DIR}/docs/deployment.md" "${CMAKE_SOURCE_DIR}/docs/protocol.md"
+install(FILES "${PROJECT_SOURCE_DIR}/docs/deployment.md" "${PROJECT_SOURCE_DIR}/docs/protocol.md"
     DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/${CONTEXT_SYNC_PACKAGE_NAME}" COMPONENT runtime)
 
 # The Debian architecture of the programs built (armhf for the cross build), not of this machine.
@@ -80,7 +82,7 @@ endif()
 set(CONTEXT_SYNC_DEB_VERSION "${PROJECT_VERSION}-1")
 # Where `--target package` leaves the package; the deployment test installs this very file.
 set(CONTEXT_SYNC_PACKAGE_FILE
-    "${CMAKE_BINARY_DIR}/${CONTEXT_SYNC_PACKAGE_NAME}_${CONTEXT_SYNC_DEB_VERSION}_${CONTEXT_SYNC_DEB_ARCH}.deb")
+    "${PROJECT_BINARY_DIR}/${CONTEXT_SYNC_PACKAGE_NAME}_${CONTEXT_SYNC_DEB_VERSION}_${CONTEXT_SYNC_DEB_ARCH}.deb")
 
 set(CPACK_GENERATOR "DEB")
 set(CPACK_PACKAGE_NAME "${CONTEXT_SYNC_PACKAGE_NAME}")
