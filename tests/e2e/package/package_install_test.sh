@@ -5,7 +5,8 @@
 #      the folders and their owners, the conffile and its permissions, the unit enabled, and
 #      `systemd-analyze verify` of the installed unit;
 #   2. the installed server, started as the package's user with the unit's own ExecStart command
-#      line, against a mosquitto on a free loopback port named in the (changed) settings file;
+#      line in a mount namespace where only the unit's ReadWritePaths are writable, against a
+#      mosquitto on a free loopback port named in the (changed) settings file;
 #      the installed ctxsync pushes two images, lists them with their MD5 and pulls them back
 #      byte for byte; the server writes nothing outside the folders the unit lets it write;
 #   3. an upgrade to a higher version keeps the changed conffile, the user and the context root;
@@ -97,6 +98,7 @@ cleanup() {
         tail -n 40 "$work/server.out" >&2
     fi
     rm -rf "$work"
+    rm -f /etc/context-sync-probe /var/lib/context-sync-probe
     exit "$code"
 }
 trap cleanup EXIT
@@ -241,8 +243,39 @@ cp "$settings" "$work/settings-changed.json"
 exec_start=$(sed -n 's/^ExecStart=//p' "$unit")
 read -r -a command_line <<<"$exec_start"
 [ "${command_line[0]}" = /usr/bin/context_sync_server ] || fail "ExecStart runs ${command_line[0]}"
-(cd / && exec env -i PATH=/usr/bin:/bin LANG=C.UTF-8 setpriv --reuid "$user" --regid "$user" \
-    --init-groups --no-new-privs "${command_line[@]}" >"$work/server.out" 2>&1) &
+# The file-system part of the unit's sandbox, as far as it can be had without systemd: in a mount
+# namespace of its own every mount is read-only (ProtectSystem=strict) but the folders of
+# ReadWritePaths, and /tmp is private (PrivateTmp). The server must run in there.
+rw_paths=$(sed -n 's/^ReadWritePaths=//p' "$unit")
+cat >"$work/sandbox.sh" <<'SH'
+#!/bin/sh
+set -e
+for path in $RW_PATHS; do
+    mount --bind "$path" "$path"
+done
+findmnt -rn -o TARGET | while read -r target; do
+    case "$target" in /proc | /proc/* | /sys | /sys/* | /dev | /dev/*) continue ;; esac
+    for path in $RW_PATHS; do
+        [ "$target" = "$path" ] && continue 2
+    done
+    mount -o remount,bind,ro "$target" 2>/dev/null || true
+done
+mount -t tmpfs -o mode=1777 tmpfs /tmp
+exec "$@"
+SH
+sandbox=()
+if unshare --mount --propagation private true 2>/dev/null; then
+    sandbox=(env RW_PATHS="$rw_paths" unshare --mount --propagation private /bin/sh
+        "$work/sandbox.sh")
+    # Even root can write nowhere else in there.
+    "${sandbox[@]}" /bin/sh -c "touch $state_dir/probe && rm $state_dir/probe \
+        && ! touch /etc/context-sync-probe 2>/dev/null && ! touch /var/lib/context-sync-probe \
+            2>/dev/null" || fail "the read-only sandbox does not work"
+else
+    echo "note: no mount namespaces here; the server runs without the read-only file system"
+fi
+(cd / && exec "${sandbox[@]}" env -i PATH=/usr/bin:/bin LANG=C.UTF-8 setpriv --reuid "$user" \
+    --regid "$user" --init-groups --no-new-privs "${command_line[@]}" >"$work/server.out" 2>&1) &
 server_pid=$!
 # The console (the journal, under systemd) has every line at once; the log file is checked after
 # the stop, which flushes it.
@@ -322,7 +355,7 @@ step "upgrading to a higher version"
 next_version="${version%-*}-$((${version##*-} + 1))"
 dpkg-deb -R "$deb" "$work/unpacked"
 sed -i "s/^Version: .*/Version: $next_version/" "$work/unpacked/DEBIAN/control"
-dpkg-deb --root-owner-group -b "$work/unpacked" "$work/next.deb" >/dev/null
+dpkg-deb -Znone --root-owner-group -b "$work/unpacked" "$work/next.deb" >/dev/null
 dpkg -i "$work/next.deb" </dev/null >"$work/dpkg-upgrade.out" 2>&1 || {
     cat "$work/dpkg-upgrade.out"
     fail "dpkg -i of version $next_version"
