@@ -126,7 +126,10 @@ snapshot() {
             || true
         find /etc /var/lib /var/log -maxdepth 1 | sort
         echo "# dpkg database"
-        ls /var/lib/dpkg/info | grep "^$name[.:]" || true
+        local entry
+        for entry in /var/lib/dpkg/info/"$name".* /var/lib/dpkg/info/"$name":*; do
+            if [ -e "$entry" ]; then echo "$entry"; fi
+        done
     } >"$1"
 }
 
