@@ -59,6 +59,8 @@ client_connection_t::client_connection_t(const settings_t& settings, QObject* pa
         Qt::QueuedConnection);
     connect(proto, &comunication::protoserver_t::disconnected, this,
         &client_connection_t::connection_lost, Qt::QueuedConnection);
+    connect(proto, &comunication::protoserver_t::connected, this, &client_connection_t::connected,
+        Qt::QueuedConnection);
 }
 
 client_connection_t::~client_connection_t()

@@ -10,7 +10,8 @@
 // event loop and must be called on the owner's thread.
 // Owns: the protoserver (and through it the client service).
 // Signals: packet_received per answer or broadcast; service_status_changed when the service's
-// retained status ("online", "offline") arrives; connection_lost when an open connection drops.
+// retained status ("online", "offline") arrives; connection_lost when an open connection drops;
+// connected each time the broker accepts the connection (the first time and after every loss).
 #pragma once
 
 #include <QJsonObject>
@@ -82,6 +83,7 @@ signals:
     void packet_received(QString type, QString subtype, QJsonObject payload, bool broadcast);
     void service_status_changed(QString status);
     void connection_lost();
+    void connected();
 
 private:
     settings_t settings_;

@@ -58,10 +58,11 @@ bool context_tree_t::wait_for_list(const std::function<bool(const file_map_t&)>&
                 accepted = accept(last);
             });
     const QDeadlineTimer deadline(timeout_ms);
-    while (!accepted && !deadline.hasExpired()) {
+    const auto cancelled = [this] { return cancelled_ && cancelled_(); };
+    while (!accepted && !deadline.hasExpired() && !cancelled()) {
         connection_.send(packet_t::ctx_request.ToString(), {});
         const int slice = int(std::min<qint64>(LIST_RETRY_MS, deadline.remainingTime()));
-        connection_.wait_until([&] { return accepted; }, slice);
+        connection_.wait_until([&] { return accepted || cancelled(); }, slice);
     }
     QObject::disconnect(link);
     if (files)

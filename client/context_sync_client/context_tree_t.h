@@ -19,6 +19,7 @@
 #include <QStringList>
 
 #include <functional>
+#include <utility>
 
 namespace context_sync_client {
 
@@ -71,6 +72,9 @@ public:
 
     explicit context_tree_t(client_connection_t& connection);
 
+    // While `cancelled` returns true, the fetching calls give up at once (checked regularly).
+    void set_cancel_check(std::function<bool()> cancelled) { cancelled_ = std::move(cancelled); }
+
     // Asks for the server's list until one arrives (answer or broadcast) or `timeout_ms` passes.
     bool fetch_list(int timeout_ms, file_map_t* files, QString* error = nullptr);
     // Waits `settle_ms` first, so that the list reflects changes just made on the server; lists
@@ -105,6 +109,7 @@ public:
 
 private:
     client_connection_t& connection_;
+    std::function<bool()> cancelled_;
 };
 
 } // namespace context_sync_client

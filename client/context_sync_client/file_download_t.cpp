@@ -1,6 +1,7 @@
 #include "context_sync_client/file_download_t.h"
 
 #include "context_sync_client/client_connection_t.h"
+#include "context_sync_client/retry_backoff_t.h"
 
 #include "context_sync/context_sync/transfer_manager/chunk_codec_t.h"
 #include "context_sync/context_sync/transfer_manager/path_safety_t.h"
@@ -10,6 +11,8 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonArray>
+
+#include <algorithm>
 
 #include <cerrno>
 #include <cstdio>
@@ -147,17 +150,50 @@ bool file_download_t::write_atomically(const QString& path, const QByteArray& by
     return true;
 }
 
+file_download_t::batch_verdict_t file_download_t::judge_batch_end(const QStringList& pending,
+    const file_map_t& expected, const std::optional<file_map_t>& fresh, bool served)
+{
+    batch_verdict_t verdict;
+    for (const QString& path : pending) {
+        if (fresh && !fresh->contains(path)) {
+            verdict.missing.append(path);
+            continue;
+        }
+        if (fresh && fresh->value(path) != expected.value(path))
+            verdict.new_hashes.insert(path, fresh->value(path));
+        // A served batch that ended without a listed file: the server could not read it. Asked
+        // again, it would only be skipped again.
+        if (served)
+            verdict.unsent.append(path);
+        else
+            verdict.retry.append(path);
+    }
+    return verdict;
+}
+
 file_download_t::result_t file_download_t::run(const file_map_t& files, int timeout_ms)
+{
+    options_t options;
+    options.silence_ms = timeout_ms;
+    options.deadline_ms = timeout_ms;
+    options.busy_window_ms = std::min(BUSY_WINDOW_MS, timeout_ms);
+    return run(files, options);
+}
+
+file_download_t::result_t file_download_t::run(const file_map_t& files, const options_t& options)
 {
     expected_ = files;
     results_.clear();
     order_ = files.keys();
     bytes_ = 0;
     stopped_by_server_ = false;
+    server_gone_ = false;
+    served_ = false;
+    fresh_list_.reset();
     end_seen_ms_ = -1;
     drop_active();
 
-    QJsonArray wanted;
+    QStringList wanted;
     for (auto it = files.cbegin(); it != files.cend(); ++it) {
         QString error;
         const QString target = prepare_target(dir_, it.key(), &error);
@@ -177,44 +213,159 @@ file_download_t::result_t file_download_t::run(const file_map_t& files, int time
 
     result_t result;
     if (!wanted.isEmpty()) {
-        const QMetaObject::Connection link = connect(
+        const QMetaObject::Connection packets = connect(
             &connection_, &client_connection_t::packet_received, this, &file_download_t::on_packet);
+        const QMetaObject::Connection status = connect(&connection_,
+            &client_connection_t::service_status_changed, this, [this](const QString& text) {
+                if (text == QLatin1String("offline"))
+                    server_gone_ = true;
+            });
+        std::unique_ptr<retry_backoff_t> backoff = options.seed
+            ? std::make_unique<retry_backoff_t>(*options.seed)
+            : std::make_unique<retry_backoff_t>();
+        const auto cancelled = [&options] { return options.cancelled && options.cancelled(); };
+        const auto pending = [&] {
+            QStringList paths;
+            for (const QString& path : std::as_const(wanted)) {
+                if (!results_.contains(path))
+                    paths.append(path);
+            }
+            return paths;
+        };
+        const auto fail_pending = [&](const QString& reason) {
+            if (active_)
+                finish_file(active_->path, false, reason);
+            for (const QString& path : pending())
+                finish_file(path, false, reason);
+        };
         clock_.start();
-        last_activity_ms_ = 0;
-        connection_.send(packet_t::ctx_download_request.ToString(),
-            QJsonObject { { QStringLiteral("message"), wanted } });
-        const int total = int(files.size());
-        connection_.wait_until(
-            [&] {
-                const qint64 now = clock_.elapsed();
-                if (results_.size() >= total || stopped_by_server_)
+        bool send_request = true;
+        qint64 try_started_ms = 0;
+        QString last_reason;
+        while (true) {
+            const QStringList asked = pending();
+            if (asked.isEmpty())
+                break;
+            if (send_request) {
+                // The list comes with every try: it tells a file gone from the server from a
+                // server too busy to answer.
+                connection_.send(packet_t::ctx_request.ToString(), {});
+                connection_.send(packet_t::ctx_download_request.ToString(),
+                    QJsonObject {
+                        { QStringLiteral("message"), QJsonArray::fromStringList(asked) } });
+                ++result.tries;
+                served_ = false;
+                fresh_list_.reset();
+                end_seen_ms_ = -1;
+                try_started_ms = clock_.elapsed();
+                last_activity_ms_ = try_started_ms;
+            }
+            send_request = true;
+            enum class outcome_t { done, stopped, gone, cancelled, silent, busy, ended };
+            outcome_t outcome = outcome_t::done;
+            connection_.wait_until(
+                [&] {
+                    const qint64 now = clock_.elapsed();
+                    if (pending().isEmpty())
+                        outcome = outcome_t::done;
+                    else if (stopped_by_server_)
+                        outcome = outcome_t::stopped;
+                    else if (server_gone_)
+                        outcome = outcome_t::gone;
+                    else if (cancelled())
+                        outcome = outcome_t::cancelled;
+                    else if (end_seen_ms_ >= 0 && now - end_seen_ms_ > END_GRACE_MS)
+                        outcome = outcome_t::ended;
+                    else if (!served_ && now - try_started_ms > options.busy_window_ms)
+                        outcome = outcome_t::busy;
+                    else if (served_ && now - last_activity_ms_ > options.silence_ms)
+                        outcome = outcome_t::silent;
+                    else
+                        return false;
                     return true;
-                if (end_seen_ms_ >= 0 && now - end_seen_ms_ > END_GRACE_MS)
-                    return true;
-                if (now - last_activity_ms_ > timeout_ms) {
-                    result.timed_out = true;
-                    return true;
-                }
-                return false;
-            },
-            std::numeric_limits<int>::max());
-        disconnect(link);
-        const QString reason = stopped_by_server_
-            ? QStringLiteral("the server stopped all transfers before the file arrived")
-            : result.timed_out
-            ? QStringLiteral("no data from the server for %1 ms").arg(timeout_ms)
-            : QStringLiteral("the server ended the batch without sending the file (missing or "
-                             "unreadable there)");
-        if (active_)
-            finish_file(active_->path, false, reason);
-        for (const QJsonValue& value : std::as_const(wanted)) {
-            if (!results_.contains(value.toString()))
-                results_.insert(value.toString(), { value.toString(), false, false, reason });
+                },
+                std::numeric_limits<int>::max());
+            if (outcome == outcome_t::done)
+                break;
+            if (outcome == outcome_t::stopped) {
+                fail_pending(
+                    QStringLiteral("the server stopped all transfers before the file arrived"));
+                break;
+            }
+            if (outcome == outcome_t::gone) {
+                result.server_gone = true;
+                fail_pending(QStringLiteral("the server went away (its status is \"offline\") "
+                                            "before the file arrived"));
+                break;
+            }
+            if (outcome == outcome_t::cancelled) {
+                result.cancelled = true;
+                fail_pending(QStringLiteral("interrupted before the file arrived"));
+                break;
+            }
+            if (outcome == outcome_t::silent) {
+                result.timed_out = true;
+                fail_pending(
+                    QStringLiteral("no data from the server for %1 ms").arg(options.silence_ms));
+                break;
+            }
+            // The file in progress cannot be finished by a batch that has ended.
+            if (active_)
+                finish_file(active_->path, false,
+                    QStringLiteral("the server ended the batch before the file was complete"));
+            const batch_verdict_t verdict
+                = judge_batch_end(pending(), expected_, fresh_list_, served_);
+            for (const QString& path : verdict.missing) {
+                finish_file(path, false, QStringLiteral("the file is no longer on the server"));
+                results_[path].missing = true;
+            }
+            for (const QString& path : verdict.unsent)
+                finish_file(path, false,
+                    QStringLiteral(
+                        "the server ended the batch without sending the file (unreadable there)"));
+            for (auto it = verdict.new_hashes.cbegin(); it != verdict.new_hashes.cend(); ++it)
+                expected_.insert(it.key(), it.value());
+            if (verdict.retry.isEmpty())
+                break;
+            last_reason = outcome == outcome_t::busy
+                ? QStringLiteral("no chunk within %1 ms").arg(options.busy_window_ms)
+                : QStringLiteral("the batch ended before any chunk came");
+            const int wait_ms = backoff->next_wait();
+            if (clock_.elapsed() + wait_ms > options.deadline_ms) {
+                result.timed_out = true;
+                fail_pending(
+                    QStringLiteral("the server was busy: no chunk after %1 %2")
+                        .arg(result.tries)
+                        .arg(result.tries == 1 ? QStringLiteral("try") : QStringLiteral("tries")));
+                break;
+            }
+            ORVANE_LOG(QStringLiteral("The server seems busy (%1): try %2 in %3 ms")
+                           .arg(last_reason)
+                           .arg(result.tries + 1)
+                           .arg(wait_ms),
+                4, kLogSource);
+            emit retrying(result.tries + 1, wait_ms, last_reason);
+            // A chunk that comes during the wait means that the last request was served after
+            // all: its batch is followed instead of asking again.
+            const qint64 wait_end = clock_.elapsed() + wait_ms;
+            connection_.wait_until(
+                [&] {
+                    return served_ || stopped_by_server_ || server_gone_ || cancelled()
+                        || clock_.elapsed() >= wait_end;
+                },
+                std::numeric_limits<int>::max());
+            if (served_ || stopped_by_server_ || server_gone_ || cancelled()) {
+                send_request = false;
+                end_seen_ms_ = -1;
+            }
         }
+        disconnect(packets);
+        disconnect(status);
     }
     for (const QString& path : std::as_const(order_))
         result.files.append(results_.value(path));
     result.bytes = bytes_;
+    result.server_gone = result.server_gone || server_gone_;
     return result;
 }
 
@@ -225,10 +376,12 @@ void file_download_t::on_packet(
         on_chunk(payload);
     } else if (type == packet_t::ctx_stop_transfer.ToString()) {
         stopped_by_server_ = true;
-    } else if (type == packet_t::ctx_list.ToString() && broadcast) {
+    } else if (type == packet_t::ctx_list.ToString()) {
+        fresh_list_ = context_tree_t::from_json(payload);
         // The server broadcasts its list when a client's batch ends; it may also be another
         // client's batch or a change of the tree, so a later chunk of ours cancels it.
-        end_seen_ms_ = clock_.elapsed();
+        if (broadcast)
+            end_seen_ms_ = clock_.elapsed();
     }
 }
 
@@ -237,6 +390,13 @@ void file_download_t::on_chunk(const QJsonObject& chunk)
     const codec_t::decoded_t decoded = codec_t::decode_chunk(chunk);
     const QString path = decoded.fields.header.file;
     const int index = decoded.fields.header.chunk_index;
+    if (decoded.valid && results_.value(path).ok) {
+        // A second request, sent while the first was served after all, has the server send the
+        // file again: acknowledged, so that its sender moves on at once.
+        connection_.send(packet_t::ctx_chunk_ack.ToString(),
+            QJsonObject { { QStringLiteral("message"), codec_t::build_ack(path, index) } });
+        return;
+    }
     if (!expected_.contains(path) || results_.contains(path)) {
         ORVANE_LOG(QStringLiteral("Chunk %1 of %2 was not asked for, ignored").arg(index).arg(path),
             3, kLogSource);
@@ -244,6 +404,7 @@ void file_download_t::on_chunk(const QJsonObject& chunk)
     }
     last_activity_ms_ = clock_.elapsed();
     end_seen_ms_ = -1;
+    served_ = true;
     if (!decoded.valid) {
         finish_file(path, false,
             QStringLiteral("chunk %1 failed its MD5 check (expected %2, decoded data has %3)")

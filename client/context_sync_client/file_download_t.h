@@ -12,7 +12,8 @@
 //
 // Thread: the owner's thread (that of the connection); run() spins the connection's local event
 // loop. Owns the temporary file of the file in progress and removes it when the file fails.
-// Signals: progress after every written chunk and every finished file.
+// Signals: progress after every written chunk and every finished file; retrying before each
+// new try of a turned-away request.
 #pragma once
 
 #include "context_sync_client/context_tree_t.h"
@@ -26,7 +27,9 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
 #include <memory>
+#include <optional>
 
 namespace context_sync_client {
 
@@ -39,27 +42,64 @@ public:
     static const QString TEMP_PREFIX;
     // How long the end of the server's batch (its list broadcast) may precede a last chunk.
     static constexpr int END_GRACE_MS = 1500;
+    // How long a download request may go without a chunk of its own before it counts as ignored
+    // by a busy server.
+    static constexpr int BUSY_WINDOW_MS = 4000;
 
     struct file_result_t {
         QString path;
         bool ok = false;
         bool refused = false; // the path was refused before anything was written
         QString error;
+        bool missing = false; // the server's list no longer holds the file
     };
     struct result_t {
         QList<file_result_t> files;
         qint64 bytes = 0;
         bool timed_out = false;
+        // Download requests sent (the first try included).
+        int tries = 0;
+        // The service announced itself "offline" during the run.
+        bool server_gone = false;
+        // The caller's cancel check ended the run.
+        bool cancelled = false;
+        int retries() const { return tries > 0 ? tries - 1 : 0; }
         bool ok() const;
         QStringList failed() const;
     };
+
+    struct options_t {
+        // A transfer under way that brings nothing for this long fails ("no data ...").
+        int silence_ms = 10000;
+        // Overall: no try is started after this many milliseconds from the start of run().
+        qint64 deadline_ms = 120000;
+        int busy_window_ms = BUSY_WINDOW_MS;
+        // Checked regularly; true ends the run at once, the file in progress removed.
+        std::function<bool()> cancelled;
+        // Seed of the back-off's generator; none: seeded from the system's entropy.
+        std::optional<quint32> seed;
+    };
+
+    // What to do with the files still pending when a batch ended or a request went unanswered.
+    struct batch_verdict_t {
+        QStringList missing; // the fresh list no longer holds them: they failed for good
+        QStringList unsent; // the batch was served and ended without them, yet they are listed
+        QStringList retry; // ask again after the back-off
+        file_map_t new_hashes; // pending files that the fresh list holds with another hash
+    };
+    // `served`: at least one chunk of this try came. `fresh`: the newest list of the server, if
+    // one came since the try began.
+    static batch_verdict_t judge_batch_end(const QStringList& pending, const file_map_t& expected,
+        const std::optional<file_map_t>& fresh, bool served);
 
     file_download_t(client_connection_t& connection, const QString& dir, QObject* parent = nullptr);
     ~file_download_t() override;
 
     // Downloads every file of `files` (relative path to the MD5 of the server's list). Waits at
     // most `timeout_ms` of silence from the server; a file that has not arrived by then fails.
+    // A turned-away request is tried again for as long as the same `timeout_ms` allows.
     result_t run(const file_map_t& files, int timeout_ms);
+    result_t run(const file_map_t& files, const options_t& options);
 
     // The absolute destination of `relative` below `dir`, with its folders created; empty, with
     // the reason in `error`, when the path is unsafe or its folder resolves outside `dir`.
@@ -70,6 +110,9 @@ public:
 
 signals:
     void progress(qint64 bytes, int files_done, int files_total, QString current);
+    // Try `try_number` follows in `wait_ms`; `reason` says why the last one did not bring the
+    // files.
+    void retrying(int try_number, int wait_ms, QString reason);
 
 private:
     struct active_t {
@@ -99,6 +142,10 @@ private:
     qint64 last_activity_ms_ = 0;
     qint64 end_seen_ms_ = -1;
     bool stopped_by_server_ = false;
+    bool server_gone_ = false;
+    // A chunk of ours came since the current try was sent.
+    bool served_ = false;
+    std::optional<file_map_t> fresh_list_;
 };
 
 } // namespace context_sync_client

@@ -2,6 +2,7 @@
 
 #include "progress_line_t.h"
 
+#include "context_sync_client/context_follower_t.h"
 #include "context_sync_client/context_requests_t.h"
 #include "context_sync_client/file_download_t.h"
 #include "context_sync_client/file_upload_t.h"
@@ -26,6 +27,7 @@
 #include <limits>
 
 using context_sync_client::client_connection_t;
+using context_sync_client::context_follower_t;
 using context_sync_client::context_requests_t;
 using context_sync_client::context_tree_t;
 using context_sync_client::file_download_t;
@@ -76,7 +78,10 @@ QString ctxsync_cli_t::usage()
         "Commands:\n"
         "  list                   the server's files with their MD5 and the context hash\n"
         "  status DIR             compare DIR with the server's tree\n"
-        "  pull DIR [--delete]    download what differs into DIR (--delete: remove local extras)\n"
+        "  pull DIR [--delete]    download what differs into DIR (--delete: remove local extras);\n"
+        "                         a busy server is asked again for up to --deadline seconds\n"
+        "  sync DIR [--delete]    keep DIR in step with the server until interrupted (pulls at\n"
+        "                         once, then after every change announced by the server)\n"
         "  push FILE... [--to REL] [--force]\n"
         "                         upload files into the folder REL of the server (default\n"
         "                         background/); --force skips the client's background check\n"
@@ -94,7 +99,9 @@ QString ctxsync_cli_t::usage()
         "  --username NAME, --password SECRET\n"
         "  --cafile FILE, --cert FILE, --key FILE   TLS to the broker\n"
         "  --timeout SECONDS      longest wait for the broker or the server (default 10)\n"
-        "  --json                 one JSON document on standard output (watch: one per line)\n"
+        "  --deadline SECONDS     pull: longest time for the whole download (default 120)\n"
+        "  --json                 one JSON document on standard output (watch and sync: one per\n"
+        "                         line and event)\n"
         "  --verbose              log lines of the client library on the console\n"
         "  --help, --version\n"
         "\n"
@@ -143,7 +150,7 @@ int ctxsync_cli_t::run(const QStringList& arguments)
         return cmd_inspect_image();
     static const QStringList server_commands { QStringLiteral("list"), QStringLiteral("status"),
         QStringLiteral("pull"), QStringLiteral("push"), QStringLiteral("rm"), QStringLiteral("mv"),
-        QStringLiteral("replace"), QStringLiteral("watch") };
+        QStringLiteral("replace"), QStringLiteral("watch"), QStringLiteral("sync") };
     if (!server_commands.contains(command_)) {
         err(QStringLiteral("unknown command \"%1\" (see ctxsync --help)").arg(command_));
         return exit_usage;
@@ -168,6 +175,8 @@ int ctxsync_cli_t::run(const QStringList& arguments)
         code = cmd_replace();
     else if (command_ == QLatin1String("watch"))
         code = cmd_watch();
+    else if (command_ == QLatin1String("sync"))
+        code = cmd_sync();
     connection_.reset();
     return code;
 }
@@ -186,6 +195,7 @@ int ctxsync_cli_t::parse(const QStringList& arguments)
     const QCommandLineOption cert(QStringLiteral("cert"), {}, QStringLiteral("FILE"));
     const QCommandLineOption key(QStringLiteral("key"), {}, QStringLiteral("FILE"));
     const QCommandLineOption timeout(QStringLiteral("timeout"), {}, QStringLiteral("SECONDS"));
+    const QCommandLineOption deadline(QStringLiteral("deadline"), {}, QStringLiteral("SECONDS"));
     const QCommandLineOption to(QStringLiteral("to"), {}, QStringLiteral("REL"));
     const QCommandLineOption json(QStringLiteral("json"));
     const QCommandLineOption remove_extras(QStringLiteral("delete"));
@@ -194,7 +204,7 @@ int ctxsync_cli_t::parse(const QStringList& arguments)
     const QCommandLineOption help(QStringList { QStringLiteral("h"), QStringLiteral("help") });
     const QCommandLineOption version(QStringLiteral("version"));
     parser.addOptions({ broker, client_id, topic_base, protocol, username, password, cafile, cert,
-        key, timeout, to, json, remove_extras, force, verbose, help, version });
+        key, timeout, deadline, to, json, remove_extras, force, verbose, help, version });
     if (!parser.parse(QStringList { QStringLiteral("ctxsync") } + arguments)) {
         err(parser.errorText());
         return exit_usage;
@@ -265,6 +275,16 @@ int ctxsync_cli_t::parse(const QStringList& arguments)
         }
         timeout_ms_ = int(seconds * 1000);
     }
+    if (parser.isSet(deadline)) {
+        bool ok = false;
+        const double seconds = parser.value(deadline).toDouble(&ok);
+        if (!ok || seconds <= 0 || seconds > 86400) {
+            err(QStringLiteral("--deadline wants a number of seconds, not \"%1\"")
+                    .arg(parser.value(deadline)));
+            return exit_usage;
+        }
+        deadline_ms_ = qint64(seconds * 1000);
+    }
     if (parser.isSet(to)) {
         to_ = parser.value(to);
         if (!to_.isEmpty() && !to_.endsWith(QLatin1Char('/')))
@@ -285,7 +305,7 @@ int ctxsync_cli_t::parse(const QStringList& arguments)
     };
     static const arity_t arities[] = { { "list", 0, 0 }, { "status", 1, 1 }, { "pull", 1, 1 },
         { "push", 1, 1 << 20 }, { "rm", 1, 1 << 20 }, { "mv", 2, 2 }, { "replace", 1, 1 },
-        { "watch", 0, 0 }, { "inspect-image", 1, 1 << 20 } };
+        { "watch", 0, 0 }, { "sync", 1, 1 }, { "inspect-image", 1, 1 << 20 } };
     for (const arity_t& arity : arities) {
         if (command_ != QLatin1String(arity.command))
             continue;
@@ -299,8 +319,8 @@ int ctxsync_cli_t::parse(const QStringList& arguments)
         err(QStringLiteral("--to belongs to push"));
         return exit_usage;
     }
-    if (delete_ && command_ != QLatin1String("pull")) {
-        err(QStringLiteral("--delete belongs to pull"));
+    if (delete_ && command_ != QLatin1String("pull") && command_ != QLatin1String("sync")) {
+        err(QStringLiteral("--delete belongs to pull and sync"));
         return exit_usage;
     }
     return -1;
@@ -418,12 +438,18 @@ int ctxsync_cli_t::cmd_pull()
             if (context_tree_t::stamp_of(QDir(dir).filePath(current), &file.stamp))
                 finished.insert(current, file);
         });
-    const file_download_t::result_t result = download.run(wanted, timeout_ms_);
+    g_stop_requested = 0;
+    file_download_t::options_t options;
+    options.silence_ms = timeout_ms_;
+    options.deadline_ms = deadline_ms_;
+    options.cancelled = [] { return g_stop_requested != 0; };
+    const file_download_t::result_t result = download.run(wanted, options);
     line.finish();
 
     QStringList deleted;
     QJsonArray failed;
-    if (delete_) {
+    // A pull cut short by the server's going away or by a signal leaves the folder as it was.
+    if (delete_ && !result.server_gone && !result.cancelled) {
         for (const QString& path : diff.only_local) {
             const QString absolute = QDir(dir).filePath(path);
             if (QFile::remove(absolute)) {
@@ -457,7 +483,10 @@ int ctxsync_cli_t::cmd_pull()
     if (json_) {
         out_json({ { QStringLiteral("pulled"), to_array(pulled) },
             { QStringLiteral("deleted"), to_array(deleted) }, { QStringLiteral("failed"), failed },
-            { QStringLiteral("bytes"), result.bytes }, { QStringLiteral("in_step"), in_step } });
+            { QStringLiteral("bytes"), result.bytes }, { QStringLiteral("in_step"), in_step },
+            { QStringLiteral("tries"), result.tries },
+            { QStringLiteral("retries"), result.retries() },
+            { QStringLiteral("server_gone"), result.server_gone } });
     } else {
         for (const QString& path : std::as_const(pulled))
             out(QStringLiteral("pulled   %1").arg(path));
@@ -474,8 +503,15 @@ int ctxsync_cli_t::cmd_pull()
                 .arg(failed.size())
                 .arg(deleted.size())
                 .arg(in_step ? QStringLiteral("in step")
-                             : QStringLiteral("not in step (see ctxsync status)")));
+                             : QStringLiteral("not in step (see ctxsync status)"))
+            + (result.retries() > 0
+                    ? QStringLiteral(" (the server was busy: %1 tries)").arg(result.tries)
+                    : QString()));
     }
+    if (result.server_gone)
+        err(QStringLiteral("the server went away during the transfer; nothing partial was kept"));
+    if (result.cancelled)
+        err(QStringLiteral("interrupted; nothing partial was kept"));
     if (failed.isEmpty())
         return exit_ok;
     if (refused)
@@ -717,6 +753,63 @@ int ctxsync_cli_t::cmd_watch()
     connection_->send(state_of_service, {});
     connection_->send(packet_t::ctx_request.ToString(), {});
     connection_->wait_until([] { return g_stop_requested != 0; }, std::numeric_limits<int>::max());
+    return exit_ok;
+}
+
+int ctxsync_cli_t::cmd_sync()
+{
+    g_stop_requested = 0;
+    const QString dir = positional_.first();
+    if (!QDir().mkpath(dir))
+        return fail(exit_failed, QStringLiteral("cannot create the folder %1").arg(dir));
+    context_follower_t::options_t options;
+    options.remove_extras = delete_;
+    options.timeout_ms = timeout_ms_;
+    options.stop = [] { return g_stop_requested != 0; };
+    context_follower_t follower(*connection_, dir, options);
+    QObject::connect(
+        &follower, &context_follower_t::event, &follower, [this](const QJsonObject& event) {
+            if (json_) {
+                out_json(event);
+                return;
+            }
+            const auto text
+                = [&event](const char* key) { return event.value(QLatin1String(key)).toString(); };
+            const QString name = text("event");
+            if (name == QLatin1String("started")) {
+                out(QStringLiteral("syncing %1 with %2 as %3%4")
+                        .arg(text("dir"), text("broker"), text("client_id"),
+                            event.value(QStringLiteral("delete")).toBool()
+                                ? QStringLiteral(" (--delete)")
+                                : QString()));
+            } else if (name == QLatin1String("in_step")) {
+                out(QStringLiteral("in step: %1 files, context hash %2")
+                        .arg(event.value(QStringLiteral("files")).toInt())
+                        .arg(text("context_hash")));
+            } else if (name == QLatin1String("pulled")) {
+                out(event.contains(QStringLiteral("from"))
+                        ? QStringLiteral("pulled   %1 (same content as %2)")
+                              .arg(text("path"), text("from"))
+                        : QStringLiteral("pulled   %1").arg(text("path")));
+            } else if (name == QLatin1String("deleted")) {
+                out(QStringLiteral("deleted  %1").arg(text("path")));
+            } else if (name == QLatin1String("retrying")) {
+                for (const QJsonValue& value : event.value(QStringLiteral("failed")).toArray()) {
+                    const QJsonObject failure = value.toObject();
+                    err(QStringLiteral("%1: %2").arg(
+                        failure.value(QStringLiteral("path")).toString(),
+                        failure.value(QStringLiteral("error")).toString()));
+                }
+                out(QStringLiteral("retrying in %1 ms: %2")
+                        .arg(event.value(QStringLiteral("wait_ms")).toInt())
+                        .arg(text("reason")));
+            } else if (name == QLatin1String("disconnected")) {
+                out(QStringLiteral("disconnected: %1; waiting").arg(text("reason")));
+            } else if (name == QLatin1String("stopped")) {
+                out(QStringLiteral("stopped"));
+            }
+        });
+    follower.run();
     return exit_ok;
 }
 

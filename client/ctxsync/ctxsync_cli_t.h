@@ -37,7 +37,7 @@ public:
 
     static QString usage();
 
-    // Asks a running watch to end (from a signal handler: only sets a flag).
+    // Asks a running watch, sync or pull to end (from a signal handler: only sets a flag).
     static void request_stop();
 
 private:
@@ -52,6 +52,7 @@ private:
     int cmd_mv();
     int cmd_replace();
     int cmd_watch();
+    int cmd_sync();
     int cmd_inspect_image();
 
     void out(const QString& line);
@@ -72,5 +73,6 @@ private:
     bool delete_ = false;
     bool force_ = false;
     int timeout_ms_ = 10000;
+    qint64 deadline_ms_ = 120000;
     std::unique_ptr<context_sync_client::client_connection_t> connection_;
 };

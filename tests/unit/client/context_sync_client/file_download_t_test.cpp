@@ -11,7 +11,9 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
+#include <QProcess>
 
 #include <gtest/gtest.h>
 
@@ -276,24 +278,212 @@ TEST(file_download_t, ABatchThatEndsWithoutTheFileFailsItWithoutWaitingForTheTim
         = download.run({ { QStringLiteral("background/gone.png"), md5("x") } }, 60000);
     ASSERT_EQ(result.files.size(), 1);
     EXPECT_FALSE(result.files[0].ok);
+    EXPECT_TRUE(result.files[0].missing);
     EXPECT_FALSE(result.timed_out);
+    EXPECT_EQ(result.tries, 1);
+    // The batch's end brought the server's list, which no longer holds the file.
+    EXPECT_EQ(result.files[0].error, QStringLiteral("the file is no longer on the server"));
+}
+
+TEST(file_download_t, AnotherClientsBatchEndIsNotTakenForOurs)
+{
+    // The server is busy: it ignores the first request, and another client's batch ends (a list
+    // broadcast that still holds the file). The second request is served.
+    peer_fixture_t peer;
+    ASSERT_TRUE(peer.start());
+    const QByteArray content = test_support::temp_tree_t::text_bytes(4000);
+    const QString path = QStringLiteral("background/a.txt");
+    int requests = 0;
+    peer.server->react = [&](const client_test::scripted_server_t::request_t& request) {
+        if (request.type == QLatin1String("ctx_download_request")) {
+            if (++requests == 1)
+                peer.server->respond(QStringLiteral("ctx_list"), QStringLiteral("all"),
+                    QJsonObject { { path, md5(content) } });
+            else
+                peer.server->respond(
+                    QStringLiteral("ctx_chunk"), request.origin, chunk_of(path, content, 0));
+        }
+    };
+    test_support::temp_tree_t dir;
+    file_download_t download(*peer.client, dir.root());
+    QList<int> waits;
+    QStringList reasons;
+    QObject::connect(&download, &file_download_t::retrying, &download,
+        [&](int try_number, int wait_ms, const QString& reason) {
+            EXPECT_EQ(try_number, 2);
+            waits.append(wait_ms);
+            reasons.append(reason);
+        });
+    file_download_t::options_t options;
+    options.seed = 11;
+    const file_download_t::result_t result = download.run({ { path, md5(content) } }, options);
+    ASSERT_TRUE(result.ok()) << result.files.value(0).error.toStdString();
+    EXPECT_EQ(result.tries, 2);
+    EXPECT_EQ(result.retries(), 1);
+    EXPECT_EQ(dir.read(path), content);
+    ASSERT_EQ(waits.size(), 1);
+    EXPECT_GE(waits[0], 250);
+    EXPECT_LE(waits[0], 500);
+    EXPECT_EQ(reasons, QStringList { QStringLiteral("the batch ended before any chunk came") });
+    EXPECT_EQ(peer.server->of_type(QStringLiteral("ctx_download_request")).size(), 2);
+}
+
+TEST(file_download_t, ARequestThatIsIgnoredIsTriedAgainUntilTheDeadline)
+{
+    peer_fixture_t peer;
+    ASSERT_TRUE(peer.start());
+    test_support::temp_tree_t dir;
+    file_download_t download(*peer.client, dir.root());
+    int retries = 0;
+    QObject::connect(
+        &download, &file_download_t::retrying, &download, [&](int, int, const QString& reason) {
+            ++retries;
+            EXPECT_EQ(reason, QStringLiteral("no chunk within 200 ms"));
+        });
+    file_download_t::options_t options;
+    options.busy_window_ms = 200;
+    options.deadline_ms = 2500;
+    options.seed = 5;
+    const file_download_t::result_t result
+        = download.run({ { QStringLiteral("background/a.png"), md5("x") } }, options);
+    // Waits of 250-500 and 500-1000 ms after windows of 200 ms: at least two tries fit in 2.5 s;
+    // the last wait drawn would have ended after the deadline.
+    EXPECT_GE(result.tries, 2);
+    EXPECT_EQ(retries, result.tries - 1);
+    EXPECT_TRUE(result.timed_out);
+    ASSERT_EQ(result.files.size(), 1);
+    EXPECT_FALSE(result.files[0].missing);
     EXPECT_EQ(result.files[0].error,
-        QStringLiteral(
-            "the server ended the batch without sending the file (missing or unreadable there)"));
+        QStringLiteral("the server was busy: no chunk after %1 tries").arg(result.tries));
+    EXPECT_EQ(peer.server->of_type(QStringLiteral("ctx_download_request")).size(), result.tries);
+    // Every try asked for the list too.
+    EXPECT_EQ(peer.server->of_type(QStringLiteral("ctx_request")).size(), result.tries);
+    EXPECT_TRUE(dir.files().isEmpty());
 }
 
 TEST(file_download_t, SilenceFromTheServerEndsTheDownloadAfterTheTimeOut)
 {
     peer_fixture_t peer;
     ASSERT_TRUE(peer.start());
+    const QByteArray big = test_support::temp_tree_t::random_bytes(codec_t::CHUNK_SIZE * 2, 4);
+    // The first chunk comes, then nothing.
+    peer.server->react = [&](const client_test::scripted_server_t::request_t& request) {
+        if (request.type == QLatin1String("ctx_download_request"))
+            peer.server->respond(QStringLiteral("ctx_chunk"), request.origin,
+                chunk_of(QStringLiteral("background/a.bin"), big, 0));
+    };
     test_support::temp_tree_t dir;
     file_download_t download(*peer.client, dir.root());
     const file_download_t::result_t result
-        = download.run({ { QStringLiteral("background/a.png"), md5("x") } }, 300);
+        = download.run({ { QStringLiteral("background/a.bin"), md5(big) } }, 300);
     EXPECT_TRUE(result.timed_out);
+    EXPECT_EQ(result.tries, 1);
     ASSERT_EQ(result.files.size(), 1);
     EXPECT_EQ(result.files[0].error, QStringLiteral("no data from the server for 300 ms"));
     EXPECT_TRUE(dir.files().isEmpty());
+}
+
+TEST(file_download_t, TheServersOfflineStatusEndsTheDownloadAtOnce)
+{
+    peer_fixture_t peer;
+    ASSERT_TRUE(peer.start());
+    const QByteArray big = test_support::temp_tree_t::random_bytes(codec_t::CHUNK_SIZE * 2, 5);
+    bool published = false;
+    peer.server->react = [&](const client_test::scripted_server_t::request_t& request) {
+        if (request.type == QLatin1String("ctx_download_request")) {
+            peer.server->respond(QStringLiteral("ctx_chunk"), request.origin,
+                chunk_of(QStringLiteral("background/a.bin"), big, 0));
+        } else if (request.type == QLatin1String("ctx_chunk_ack") && !published) {
+            // What the broker publishes for a server that died: its Will on the status topic.
+            published = true;
+            QProcess::execute(QStringLiteral("mosquitto_pub"),
+                { QStringLiteral("-h"), peer.broker.host(), QStringLiteral("-p"),
+                    QString::number(peer.broker.port()), QStringLiteral("-r"), QStringLiteral("-q"),
+                    QStringLiteral("1"), QStringLiteral("-t"),
+                    QStringLiteral("orvane/rr/context_sync/status"), QStringLiteral("-m"),
+                    QStringLiteral("offline") });
+        }
+    };
+    test_support::temp_tree_t dir;
+    file_download_t download(*peer.client, dir.root());
+    file_download_t::options_t options;
+    options.silence_ms = 600000;
+    options.deadline_ms = 600000;
+    const file_download_t::result_t result
+        = download.run({ { QStringLiteral("background/a.bin"), md5(big) } }, options);
+    EXPECT_TRUE(result.server_gone);
+    EXPECT_FALSE(result.timed_out);
+    ASSERT_EQ(result.files.size(), 1);
+    EXPECT_EQ(result.files[0].error,
+        QStringLiteral("the server went away (its status is \"offline\") before the file arrived"));
+    // The temporary file of the first chunk is gone.
+    EXPECT_TRUE(dir.files().isEmpty());
+    EXPECT_TRUE(QDir(dir.path(QStringLiteral("background")))
+                    .entryList(QDir::Files | QDir::Hidden | QDir::System)
+                    .isEmpty());
+}
+
+TEST(file_download_t, ACancelledDownloadLeavesNoTemporaryFile)
+{
+    peer_fixture_t peer;
+    ASSERT_TRUE(peer.start());
+    const QByteArray big = test_support::temp_tree_t::random_bytes(codec_t::CHUNK_SIZE * 2, 6);
+    bool acked = false;
+    peer.server->react = [&](const client_test::scripted_server_t::request_t& request) {
+        if (request.type == QLatin1String("ctx_download_request"))
+            peer.server->respond(QStringLiteral("ctx_chunk"), request.origin,
+                chunk_of(QStringLiteral("background/a.bin"), big, 0));
+        else if (request.type == QLatin1String("ctx_chunk_ack"))
+            acked = true;
+    };
+    test_support::temp_tree_t dir;
+    file_download_t download(*peer.client, dir.root());
+    file_download_t::options_t options;
+    options.silence_ms = 600000;
+    options.cancelled = [&] {
+        return acked && QFileInfo::exists(dir.path(QStringLiteral("background/TMP_ctxsync_a.bin")));
+    };
+    const file_download_t::result_t result
+        = download.run({ { QStringLiteral("background/a.bin"), md5(big) } }, options);
+    EXPECT_TRUE(result.cancelled);
+    ASSERT_EQ(result.files.size(), 1);
+    EXPECT_EQ(result.files[0].error, QStringLiteral("interrupted before the file arrived"));
+    EXPECT_FALSE(QFileInfo::exists(dir.path(QStringLiteral("background/TMP_ctxsync_a.bin"))));
+    EXPECT_TRUE(dir.files().isEmpty());
+}
+
+TEST(file_download_t, TheVerdictOnAnEndedBatchTellsMissingFromBusy)
+{
+    const file_map_t expected { { QStringLiteral("a"), md5("a") },
+        { QStringLiteral("b"), md5("b") }, { QStringLiteral("c"), md5("c") } };
+    const QStringList pending { QStringLiteral("a"), QStringLiteral("b"), QStringLiteral("c") };
+    // No list yet: nothing can be called missing; all are asked for again.
+    file_download_t::batch_verdict_t verdict
+        = file_download_t::judge_batch_end(pending, expected, std::nullopt, false);
+    EXPECT_TRUE(verdict.missing.isEmpty());
+    EXPECT_TRUE(verdict.unsent.isEmpty());
+    EXPECT_EQ(verdict.retry, pending);
+    EXPECT_TRUE(verdict.new_hashes.isEmpty());
+
+    // The fresh list lacks b and holds c with new content.
+    const file_map_t fresh { { QStringLiteral("a"), md5("a") }, { QStringLiteral("c"), md5("c2") },
+        { QStringLiteral("z"), md5("z") } };
+    verdict = file_download_t::judge_batch_end(pending, expected, fresh, false);
+    EXPECT_EQ(verdict.missing, QStringList { QStringLiteral("b") });
+    EXPECT_EQ(verdict.retry, (QStringList { QStringLiteral("a"), QStringLiteral("c") }));
+    EXPECT_TRUE(verdict.unsent.isEmpty());
+    EXPECT_EQ(verdict.new_hashes, (file_map_t { { QStringLiteral("c"), md5("c2") } }));
+
+    // The same after a batch of ours that was served: what it left out is unreadable there.
+    verdict = file_download_t::judge_batch_end(pending, expected, fresh, true);
+    EXPECT_EQ(verdict.missing, QStringList { QStringLiteral("b") });
+    EXPECT_TRUE(verdict.retry.isEmpty());
+    EXPECT_EQ(verdict.unsent, (QStringList { QStringLiteral("a"), QStringLiteral("c") }));
+
+    // An empty list: every pending file is gone.
+    verdict = file_download_t::judge_batch_end(pending, expected, file_map_t(), false);
+    EXPECT_EQ(verdict.missing, pending);
+    EXPECT_TRUE(verdict.retry.isEmpty());
 }
 
 TEST(file_download_t, AStopFromTheServerAbandonsTheFileInProgress)

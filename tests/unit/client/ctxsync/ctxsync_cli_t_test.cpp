@@ -58,6 +58,7 @@ TEST(ctxsync_cli_t, HelpListsTheCommandsAndSucceeds)
     EXPECT_EQ(result.code, ctxsync_cli_t::exit_ok);
     EXPECT_EQ(result.out, ctxsync_cli_t::usage());
     EXPECT_TRUE(result.out.contains(QStringLiteral("  pull DIR [--delete]")));
+    EXPECT_TRUE(result.out.contains(QStringLiteral("  sync DIR [--delete]")));
 }
 
 TEST(ctxsync_cli_t, BadArgumentsExitWithTheUsageCode)
@@ -77,7 +78,12 @@ TEST(ctxsync_cli_t, BadArgumentsExitWithTheUsageCode)
         { { QStringLiteral("--to"), QStringLiteral("x"), QStringLiteral("list") },
             QStringLiteral("ctxsync: --to belongs to push\n") },
         { { QStringLiteral("--delete"), QStringLiteral("status"), QStringLiteral("d") },
-            QStringLiteral("ctxsync: --delete belongs to pull\n") },
+            QStringLiteral("ctxsync: --delete belongs to pull and sync\n") },
+        { { QStringLiteral("sync") },
+            QStringLiteral("ctxsync: wrong number of arguments for sync (see ctxsync --help)\n") },
+        { { QStringLiteral("--deadline"), QStringLiteral("0"), QStringLiteral("pull"),
+              QStringLiteral("d") },
+            QStringLiteral("ctxsync: --deadline wants a number of seconds, not \"0\"\n") },
         { { QStringLiteral("--cert"), QStringLiteral("c.pem"), QStringLiteral("list") },
             QStringLiteral("ctxsync: --cert and --key need --cafile\n") },
         { { QStringLiteral("--protocol"), QStringLiteral("3.1"), QStringLiteral("list") },
