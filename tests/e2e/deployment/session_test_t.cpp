@@ -7,8 +7,10 @@
 #include <QCoreApplication>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QProcess>
 
 #include <csignal>
+#include <sys/types.h>
 
 namespace deployment {
 
@@ -123,6 +125,28 @@ void session_test_t::run_session(const session_t& session)
     EXPECT_EQ(dirs_.read(QStringLiteral("pulled/background/small.png")), small);
     EXPECT_EQ(reliability::snapshot(pulled), pushed);
 
+    // sync: a third client keeps a folder in step while alice changes the tree.
+    ASSERT_TRUE(dirs_.mkdir(QStringLiteral("synced")));
+    const QString synced = dirs_.path(QStringLiteral("synced"));
+    QProcess sync;
+    QString sync_out;
+    sync.start(QStringLiteral(CTXSYNC_PATH),
+        ctxsync_arguments(session.bob, QStringLiteral("dave-sync"),
+            { QStringLiteral("sync"), QStringLiteral("--delete"), synced }));
+    ASSERT_TRUE(sync.waitForStarted(10000));
+    const auto sync_in_step = [&](const reliability::snapshot_t& files) {
+        const QString line = QStringLiteral("in step: %1 files, context hash %2\n")
+                                 .arg(files.size())
+                                 .arg(context_tree_t::cumulative_hash(files));
+        return reliability::wait_until(
+            [&] {
+                sync_out += QString::fromUtf8(sync.readAllStandardOutput());
+                return sync_out.contains(line) && reliability::snapshot(synced) == files;
+            },
+            30000);
+    };
+    EXPECT_TRUE(sync_in_step(pushed)) << sync_out.toStdString();
+
     // mv, rm.
     result = ctxsync(session.alice, alice,
         { QStringLiteral("mv"), QStringLiteral("background/small.png"),
@@ -134,8 +158,10 @@ void session_test_t::run_session(const session_t& session)
         session.alice, alice, { QStringLiteral("rm"), QStringLiteral("background/large.png") });
     ASSERT_EQ(result.code, 0) << result.err.toStdString();
     EXPECT_EQ(result.out, QStringLiteral("removed  background/large.png\n"));
-    EXPECT_EQ(server.files(),
-        (reliability::snapshot_t { { QStringLiteral("background/renamed.png"), md5_hex(small) } }));
+    const reliability::snapshot_t renamed { { QStringLiteral("background/renamed.png"),
+        md5_hex(small) } };
+    EXPECT_EQ(server.files(), renamed);
+    EXPECT_TRUE(sync_in_step(renamed)) << sync_out.toStdString();
 
     // replace: the server's tree becomes the folder's.
     const QByteArray jpg = fixture(QStringLiteral("bg_640x284_baseline.jpg"));
@@ -148,6 +174,9 @@ void session_test_t::run_session(const session_t& session)
     const reliability::snapshot_t wanted { { QStringLiteral("background/one.jpg"), md5_hex(jpg) },
         { QStringLiteral("background/two.jpg"), md5_hex(two) } };
     EXPECT_EQ(server.files(), wanted);
+    EXPECT_TRUE(sync_in_step(wanted)) << sync_out.toStdString();
+    ::kill(pid_t(sync.processId()), SIGINT);
+    EXPECT_TRUE(sync.waitForFinished(15000));
 
     // pull --delete brings bob's folder in step with the change.
     result
