@@ -97,8 +97,11 @@ TEST_F(deployment_rabbitmq, Mqtt5IsRefused)
     // The plugin drops an MQTT 5 connection without an answer; the server logs it and tries
     // again.
     EXPECT_TRUE(installation_->wait_logged(
-        QStringLiteral("MQTT connection to %1 failed: The connection was lost.").arg(v5.text()), 2,
-        2))
+        QStringLiteral("MQTT connection to %1 closed by the broker before it was accepted: check "
+                       "the MQTT version (protocol_version 5) and that the broker allows retained "
+                       "messages")
+            .arg(v5.text()),
+        2, 2))
         << installation_->output().toStdString();
 }
 
