@@ -153,6 +153,14 @@ TEST_F(deployment_rabbitmq, ClusterServesWhileAMajorityOfNodesIsUp)
     result = ctxsync(at(*cluster_, 1), QStringLiteral("bob"), { QStringLiteral("list") });
     EXPECT_EQ(result.code, 0) << result.err.toStdString();
     cluster_->kill(1);
+    // Once the last node has seen both others go.
+    for (int gone : { 1, 2 }) {
+        const QString seen
+            = QStringLiteral("rabbit on node %1 down").arg(cluster_->node_name(gone));
+        EXPECT_TRUE(reliability::wait_until([&] { return cluster_->log(0).contains(seen); }, 30000))
+            << seen.toStdString() << "\n"
+            << cluster_->log(0).right(3000).toStdString();
+    }
     result = ctxsync(at(*cluster_, 0), QStringLiteral("bob"), { QStringLiteral("list") }, 5);
     // One node of three accepts the connection but routes nothing.
     EXPECT_EQ(result.code, 4);
