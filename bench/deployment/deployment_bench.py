@@ -33,6 +33,8 @@ from system_bench import padded_png, free_port  # noqa: E402
 MB = 1000 * 1000
 IMAGE = 1024000
 INSTALLATION = "0123abcd"
+# Pulls per topology; the fastest counts (the machine may be shared, and a slow round is noise).
+ROUNDS = 2
 
 
 def log(message):
@@ -182,7 +184,8 @@ def md5(path):
 
 def measure(build, work, root, expected, server_port, server_protocol, server_base,
             client_port, client_protocol, client_base):
-    """Starts the server, waits until it answers, then times one pull into an empty folder."""
+    """Starts the server, waits until it answers, then times pulls into an empty folder; returns
+    the fastest."""
     program = os.path.join(build, "server", "host", "context_sync_server")
     server = server_t(program, os.path.join(work, "server"), root, server_port, server_protocol,
                       server_base)
@@ -192,17 +195,20 @@ def measure(build, work, root, expected, server_port, server_protocol, server_ba
             if time.monotonic() > deadline:
                 raise RuntimeError("the server did not answer through this broker")
             time.sleep(0.5)
-        target = os.path.join(work, "pulled")
-        shutil.rmtree(target, ignore_errors=True)
-        os.makedirs(target)
-        rc, seconds, err = ctxsync(build, client_port, client_protocol, client_base,
-                                   ["pull", target])
-        if rc != 0:
-            raise RuntimeError(f"pull failed ({rc}): {err}")
-        for rel, digest in expected.items():
-            if md5(os.path.join(target, rel)) != digest:
-                raise RuntimeError(f"{rel} differs after the pull")
-        return seconds
+        fastest = None
+        for _ in range(ROUNDS):
+            target = os.path.join(work, "pulled")
+            shutil.rmtree(target, ignore_errors=True)
+            os.makedirs(target)
+            rc, seconds, err = ctxsync(build, client_port, client_protocol, client_base,
+                                       ["pull", target])
+            if rc != 0:
+                raise RuntimeError(f"pull failed ({rc}): {err}")
+            for rel, digest in expected.items():
+                if md5(os.path.join(target, rel)) != digest:
+                    raise RuntimeError(f"{rel} differs after the pull")
+            fastest = seconds if fastest is None else min(fastest, seconds)
+        return fastest
     finally:
         server.stop()
 
