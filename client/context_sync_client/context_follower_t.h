@@ -6,7 +6,10 @@
 // service's retained status says "offline" it checks nothing, and checks again once it says
 // "online".
 //
-// A check fetches the list and compares it with the folder. A file whose content the folder holds
+// A check takes the list of the last ctx_list broadcast, or asks for the list when none came
+// since the last check, and compares it with the folder. Announcements of the tree that the folder
+// is in step with already (a broadcast list or a state_of_service of the same cumulative hash, as
+// at the end of another client's batch) bring no check. A file whose content the folder holds
 // already under another path (a rename on the server) is copied locally, verified, and placed
 // atomically; the others are downloaded with file_download_t, which verifies every chunk and file,
 // places files atomically and retries a busy server. With remove_extras, local files the server
@@ -31,6 +34,7 @@
 #include <QString>
 
 #include <functional>
+#include <optional>
 
 namespace context_sync_client {
 
@@ -87,7 +91,10 @@ private:
     qint64 not_before_ms_ = 0;
     bool online_ = true;
     bool ever_connected_ = false;
+    // Cumulative hash of the server's tree that the folder was last found in step with.
     QString reported_hash_;
+    // The list of the last ctx_list broadcast not yet checked.
+    std::optional<file_map_t> announced_;
 };
 
 } // namespace context_sync_client

@@ -11,8 +11,6 @@
 
 #include <QRandomGenerator>
 
-#include <optional>
-
 namespace context_sync_client {
 
 class retry_backoff_t {

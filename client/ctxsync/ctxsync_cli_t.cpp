@@ -265,25 +265,26 @@ int ctxsync_cli_t::parse(const QStringList& arguments)
         err(QStringLiteral("--cert and --key need --cafile"));
         return exit_usage;
     }
-    if (parser.isSet(timeout)) {
+    // A number of seconds in (0, 86400], as milliseconds; -1 when the text is not one.
+    const auto milliseconds = [this, &parser](const QCommandLineOption& option) -> qint64 {
         bool ok = false;
-        const double seconds = parser.value(timeout).toDouble(&ok);
-        if (!ok || seconds <= 0 || seconds > 86400) {
-            err(QStringLiteral("--timeout wants a number of seconds, not \"%1\"")
-                    .arg(parser.value(timeout)));
+        const double seconds = parser.value(option).toDouble(&ok);
+        if (ok && seconds > 0 && seconds <= 86400)
+            return qint64(seconds * 1000);
+        err(QStringLiteral("--%1 wants a number of seconds, not \"%2\"")
+                .arg(option.names().first(), parser.value(option)));
+        return -1;
+    };
+    if (parser.isSet(timeout)) {
+        const qint64 value = milliseconds(timeout);
+        if (value < 0)
             return exit_usage;
-        }
-        timeout_ms_ = int(seconds * 1000);
+        timeout_ms_ = int(value);
     }
     if (parser.isSet(deadline)) {
-        bool ok = false;
-        const double seconds = parser.value(deadline).toDouble(&ok);
-        if (!ok || seconds <= 0 || seconds > 86400) {
-            err(QStringLiteral("--deadline wants a number of seconds, not \"%1\"")
-                    .arg(parser.value(deadline)));
+        deadline_ms_ = milliseconds(deadline);
+        if (deadline_ms_ < 0)
             return exit_usage;
-        }
-        deadline_ms_ = qint64(seconds * 1000);
     }
     if (parser.isSet(to)) {
         to_ = parser.value(to);
@@ -408,10 +409,14 @@ int ctxsync_cli_t::cmd_pull()
         err(QStringLiteral("cannot create the folder %1").arg(dir));
         return exit_failed;
     }
+    g_stop_requested = 0;
     context_tree_t tree(*connection_);
+    tree.set_cancel_check([] { return g_stop_requested != 0; });
     file_map_t server;
     QString error;
     if (!tree.fetch_list(timeout_ms_, &server, &error)) {
+        if (g_stop_requested != 0)
+            return fail(exit_failed, QStringLiteral("interrupted; nothing was changed"));
         return fail(exit_timeout, error);
     }
     const context_tree_t::comparison_t diff
@@ -428,8 +433,10 @@ int ctxsync_cli_t::cmd_pull()
     // as long as nothing has rewritten or replaced it since.
     context_tree_t::known_files_t finished;
     int files_done = 0;
+    qint64 bytes_done = 0;
     QObject::connect(&download, &file_download_t::progress, &download,
         [&](qint64 bytes, int done, int total, const QString& current) {
+            bytes_done = bytes;
             line.update(bytes, done, total, current);
             if (done == files_done)
                 return;
@@ -438,7 +445,12 @@ int ctxsync_cli_t::cmd_pull()
             if (context_tree_t::stamp_of(QDir(dir).filePath(current), &file.stamp))
                 finished.insert(current, file);
         });
-    g_stop_requested = 0;
+    // While a busy server has the request wait, the line says so instead of standing still.
+    QObject::connect(&download, &file_download_t::retrying, &download,
+        [&](int try_number, int wait_ms, const QString&) {
+            line.update(bytes_done, files_done, int(wanted.size()),
+                QStringLiteral("(server busy: try %1 in %2 ms)").arg(try_number).arg(wait_ms));
+        });
     file_download_t::options_t options;
     options.silence_ms = timeout_ms_;
     options.deadline_ms = deadline_ms_;

@@ -19,8 +19,8 @@ int main(int argc, char** argv)
 {
     // Chunks are parsed on the MQTT thread and decoded on this one; keeping their pages mapped
     // saves about a third of the CPU per chunk (see allocator_tuning_t). Transfers end with the
-    // command, and the one long-running command, watch, moves no chunks, so nothing needs to be
-    // given back.
+    // command; the long-running commands either move no chunks (watch) or give the free pages
+    // back after each round of downloads (sync).
     utility::allocator_tuning_t::keep_chunk_pages();
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("ctxsync"));

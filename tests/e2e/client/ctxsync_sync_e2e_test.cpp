@@ -135,6 +135,15 @@ protected:
         return client_test::wait_until(
             [&] { return context_tree_t::scan_local(dir) == expected; }, timeout_ms);
     }
+    // Puts bg_640x284.png on the server and returns the server's tree.
+    file_map_t serve_one_image()
+    {
+        const QString png = QStringLiteral("background/bg_640x284.png");
+        EXPECT_TRUE(env.root().write(png, image(QStringLiteral("bg_640x284.png"))));
+        const file_map_t files { { png, md5(image(QStringLiteral("bg_640x284.png"))) } };
+        EXPECT_TRUE(env.wait_for_server_tree(files, 20000));
+        return files;
+    }
     // Puts `count` copies of the 1 MiB test image (three chunks each) on the server.
     file_map_t serve_big_files(int count)
     {
@@ -197,9 +206,7 @@ TEST_F(ctxsync_follow, TwentyTwoPullsStartedAtOnceAllSucceed)
 TEST_F(ctxsync_follow, SyncFollowsPushRenameDeleteAndReplace)
 {
     const QString png = QStringLiteral("background/bg_640x284.png");
-    ASSERT_TRUE(env.root().write(png, image(QStringLiteral("bg_640x284.png"))));
-    file_map_t expected { { png, md5(image(QStringLiteral("bg_640x284.png"))) } };
-    ASSERT_TRUE(env.wait_for_server_tree(expected, 20000));
+    file_map_t expected = serve_one_image();
 
     test_support::temp_tree_t folder;
     ASSERT_TRUE(folder.write(QStringLiteral("background/local_only.txt"), "extra"));
@@ -285,9 +292,7 @@ TEST_F(ctxsync_follow, SyncFollowsPushRenameDeleteAndReplace)
 TEST_F(ctxsync_follow, SyncSurvivesBrokerAndServerRestarts)
 {
     const QString png = QStringLiteral("background/bg_640x284.png");
-    ASSERT_TRUE(env.root().write(png, image(QStringLiteral("bg_640x284.png"))));
-    file_map_t expected { { png, md5(image(QStringLiteral("bg_640x284.png"))) } };
-    ASSERT_TRUE(env.wait_for_server_tree(expected, 20000));
+    file_map_t expected = serve_one_image();
 
     test_support::temp_tree_t folder;
     ctxsync_child_t sync(common() + QStringList { QStringLiteral("sync"), folder.root() });
