@@ -27,6 +27,7 @@ client_connection_t::client_connection_t(const settings_t& settings, QObject* pa
 {
     comunication::config::mosquittocnf_t cnf(settings_.host, settings_.port, client_id_);
     cnf.setTopicBase(settings_.topic_base);
+    cnf.setProtocolVersion(settings_.protocol_version);
     if (!settings_.username.isEmpty())
         cnf.setCredentials(settings_.username, settings_.password);
     if (!settings_.ca_file.isEmpty())

@@ -47,6 +47,8 @@ public:
         QString ca_file;
         QString cert_file;
         QString key_file;
+        // 5 (MQTT 5) or 4 (MQTT 3.1.1, for brokers that speak nothing newer).
+        int protocol_version = 5;
     };
 
     explicit client_connection_t(const settings_t& settings, QObject* parent = nullptr);

@@ -95,6 +95,7 @@ QString ctxsync_cli_t::usage()
         "  --broker HOST:PORT     MQTT broker (default 127.0.0.1:1883)\n"
         "  --client-id ID         client id (default ctxsync-<random>)\n"
         "  --topic-base BASE      topic base of the installation (default orvane)\n"
+        "  --protocol VERSION     MQTT version: 5 (default) or 3.1.1\n"
         "  --username NAME, --password SECRET\n"
         "  --cafile FILE, --cert FILE, --key FILE   TLS to the broker\n"
         "  --timeout SECONDS      longest wait for the broker or the server (default 10)\n"
@@ -187,6 +188,7 @@ int ctxsync_cli_t::parse(const QStringList& arguments)
     const QCommandLineOption broker(QStringLiteral("broker"), {}, QStringLiteral("HOST:PORT"));
     const QCommandLineOption client_id(QStringLiteral("client-id"), {}, QStringLiteral("ID"));
     const QCommandLineOption topic_base(QStringLiteral("topic-base"), {}, QStringLiteral("BASE"));
+    const QCommandLineOption protocol(QStringLiteral("protocol"), {}, QStringLiteral("VERSION"));
     const QCommandLineOption username(QStringLiteral("username"), {}, QStringLiteral("NAME"));
     const QCommandLineOption password(QStringLiteral("password"), {}, QStringLiteral("SECRET"));
     const QCommandLineOption cafile(QStringLiteral("cafile"), {}, QStringLiteral("FILE"));
@@ -201,8 +203,8 @@ int ctxsync_cli_t::parse(const QStringList& arguments)
     const QCommandLineOption verbose(QStringLiteral("verbose"));
     const QCommandLineOption help(QStringList { QStringLiteral("h"), QStringLiteral("help") });
     const QCommandLineOption version(QStringLiteral("version"));
-    parser.addOptions({ broker, client_id, topic_base, username, password, cafile, cert, key,
-        timeout, deadline, to, json, remove_extras, force, verbose, help, version });
+    parser.addOptions({ broker, client_id, topic_base, protocol, username, password, cafile, cert,
+        key, timeout, deadline, to, json, remove_extras, force, verbose, help, version });
     if (!parser.parse(QStringList { QStringLiteral("ctxsync") } + arguments)) {
         err(parser.errorText());
         return exit_usage;
@@ -240,6 +242,19 @@ int ctxsync_cli_t::parse(const QStringList& arguments)
         settings_.client_id = parser.value(client_id);
     if (parser.isSet(topic_base))
         settings_.topic_base = parser.value(topic_base);
+    if (parser.isSet(protocol)) {
+        // The same spellings as "protocol_version" in the server's settings.
+        const QString text = parser.value(protocol);
+        if (text == QLatin1String("5"))
+            settings_.protocol_version = 5;
+        else if (text == QLatin1String("3.1.1") || text == QLatin1String("311")
+            || text == QLatin1String("4"))
+            settings_.protocol_version = 4;
+        else {
+            err(QStringLiteral("--protocol wants 5 or 3.1.1, not \"%1\"").arg(text));
+            return exit_usage;
+        }
+    }
     settings_.username = parser.value(username);
     settings_.password = parser.value(password);
     settings_.ca_file = parser.value(cafile);

@@ -294,6 +294,19 @@ void protoserver_t::link_down(int rc)
         for (service::service_rr_base_t* service : services)
             service->connection_down();
         emit disconnected();
+    } else if (!refused_ && rc == MOSQ_ERR_CONN_LOST) {
+        // Closed without a CONNACK: what a broker does with a protocol version it does not speak,
+        // and what an MQTT 3.1.1 broker without retained messages does with our retained Will.
+        ORVANE_LOG(QStringLiteral("MQTT connection to %1:%2 closed by the broker before it was "
+                                  "accepted: check the MQTT version (protocol_version %3)%4 and "
+                                  "that the broker allows retained messages")
+                       .arg(cnf_.getHost())
+                       .arg(cnf_.getPort())
+                       .arg(cnf_.getProtocolVersion() == config::mosquittocnf_t::protocol_v5
+                               ? QStringLiteral("5")
+                               : QStringLiteral("3.1.1"))
+                       .arg(cnf_.isTls() ? QStringLiteral(", the TLS settings") : QString()),
+            2, kLogSource);
     } else if (!refused_) {
         // A refused CONNACK has been logged with its reason already.
         ORVANE_LOG(QStringLiteral("MQTT connection to %1:%2 failed: %3")

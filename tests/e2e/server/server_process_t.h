@@ -27,6 +27,7 @@ public:
     bool wait_for_output(const QString& fragment, int timeout_ms);
 
     bool is_running() const;
+    qint64 pid() const { return process_.processId(); }
     int exit_code() const { return process_.exitCode(); }
     QProcess::ExitStatus exit_status() const { return process_.exitStatus(); }
     QString output();

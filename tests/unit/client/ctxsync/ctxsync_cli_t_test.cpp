@@ -86,6 +86,8 @@ TEST(ctxsync_cli_t, BadArgumentsExitWithTheUsageCode)
             QStringLiteral("ctxsync: --deadline wants a number of seconds, not \"0\"\n") },
         { { QStringLiteral("--cert"), QStringLiteral("c.pem"), QStringLiteral("list") },
             QStringLiteral("ctxsync: --cert and --key need --cafile\n") },
+        { { QStringLiteral("--protocol"), QStringLiteral("3.1"), QStringLiteral("list") },
+            QStringLiteral("ctxsync: --protocol wants 5 or 3.1.1, not \"3.1\"\n") },
         { { QStringLiteral("--bogus"), QStringLiteral("list") },
             QStringLiteral("ctxsync: Unknown option 'bogus'.\n") },
     };
