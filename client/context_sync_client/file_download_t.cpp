@@ -1,7 +1,6 @@
 #include "context_sync_client/file_download_t.h"
 
 #include "context_sync_client/client_connection_t.h"
-#include "context_sync_client/retry_backoff_t.h"
 
 #include "context_sync/context_sync/transfer_manager/chunk_codec_t.h"
 #include "context_sync/context_sync/transfer_manager/path_safety_t.h"
@@ -220,9 +219,8 @@ file_download_t::result_t file_download_t::run(const file_map_t& files, const op
                 if (text == QLatin1String("offline"))
                     server_gone_ = true;
             });
-        std::unique_ptr<retry_backoff_t> backoff = options.seed
-            ? std::make_unique<retry_backoff_t>(*options.seed)
-            : std::make_unique<retry_backoff_t>();
+        backoff_ = options.seed ? std::make_unique<retry_backoff_t>(*options.seed)
+                                : std::make_unique<retry_backoff_t>();
         const auto cancelled = [&options] { return options.cancelled && options.cancelled(); };
         const auto pending = [&] {
             QStringList paths;
@@ -257,11 +255,12 @@ file_download_t::result_t file_download_t::run(const file_map_t& files, const op
                 served_ = false;
                 fresh_list_.reset();
                 end_seen_ms_ = -1;
+                slot_free_ms_ = -1;
                 try_started_ms = clock_.elapsed();
                 last_activity_ms_ = try_started_ms;
             }
             send_request = true;
-            enum class outcome_t { done, stopped, gone, cancelled, silent, busy, ended };
+            enum class outcome_t { done, stopped, gone, cancelled, silent, busy, ended, freed };
             outcome_t outcome = outcome_t::done;
             connection_.wait_until(
                 [&] {
@@ -274,8 +273,14 @@ file_download_t::result_t file_download_t::run(const file_map_t& files, const op
                         outcome = outcome_t::gone;
                     else if (cancelled())
                         outcome = outcome_t::cancelled;
-                    else if (end_seen_ms_ >= 0 && now - end_seen_ms_ > END_GRACE_MS)
+                    else if (served_ && end_seen_ms_ >= 0 && now - end_seen_ms_ > END_GRACE_MS)
                         outcome = outcome_t::ended;
+                    // No chunk 1.5 s after the request, and another client's batch has ended:
+                    // ignored by a full server that now has a slot free.
+                    else if (!served_ && slot_free_ms_ >= 0
+                        && now >= std::max(slot_free_ms_, try_started_ms + END_GRACE_MS)
+                                + slot_jitter_ms_)
+                        outcome = outcome_t::freed;
                     else if (!served_ && now - try_started_ms > options.busy_window_ms)
                         outcome = outcome_t::busy;
                     else if (served_ && now - last_activity_ms_ > options.silence_ms)
@@ -329,8 +334,11 @@ file_download_t::result_t file_download_t::run(const file_map_t& files, const op
                 break;
             last_reason = outcome == outcome_t::busy
                 ? QStringLiteral("no chunk within %1 ms").arg(options.busy_window_ms)
-                : QStringLiteral("the batch ended before any chunk came");
-            const int wait_ms = backoff->next_wait();
+                : QStringLiteral("another client's batch ended before any chunk came");
+            // The back-off still counts the try, so that its fallback grows; after a broadcast the
+            // random wait has already been taken.
+            const int backoff_ms = backoff_->next_wait();
+            const int wait_ms = outcome == outcome_t::freed ? 0 : backoff_ms;
             if (clock_.elapsed() + wait_ms > options.deadline_ms) {
                 result.timed_out = true;
                 fail_pending(
@@ -347,13 +355,25 @@ file_download_t::result_t file_download_t::run(const file_map_t& files, const op
             emit retrying(result.tries + 1, wait_ms, last_reason);
             // A chunk that comes during the wait means that the last request was served after
             // all: its batch is followed instead of asking again.
+            // A list broadcast during the wait says that a slot is free: the wait ends a random
+            // 0 to 250 ms after it.
             const qint64 wait_end = clock_.elapsed() + wait_ms;
+            slot_free_ms_ = -1;
+            bool early = outcome == outcome_t::freed;
             connection_.wait_until(
                 [&] {
+                    const qint64 now = clock_.elapsed();
+                    if (slot_free_ms_ >= 0 && now >= slot_free_ms_ + slot_jitter_ms_
+                        && now < wait_end) {
+                        early = true;
+                        return true;
+                    }
                     return served_ || stopped_by_server_ || server_gone_ || cancelled()
-                        || clock_.elapsed() >= wait_end;
+                        || now >= wait_end;
                 },
                 std::numeric_limits<int>::max());
+            if (early && !served_)
+                ++result.early_tries;
             if (served_ || stopped_by_server_ || server_gone_ || cancelled()) {
                 send_request = false;
                 end_seen_ms_ = -1;
@@ -361,6 +381,7 @@ file_download_t::result_t file_download_t::run(const file_map_t& files, const op
         }
         disconnect(packets);
         disconnect(status);
+        backoff_.reset();
     }
     for (const QString& path : std::as_const(order_))
         result.files.append(results_.value(path));
@@ -380,8 +401,13 @@ void file_download_t::on_packet(
         fresh_list_ = context_tree_t::from_json(payload);
         // The server broadcasts its list when a client's batch ends; it may also be another
         // client's batch or a change of the tree, so a later chunk of ours cancels it.
-        if (broadcast)
+        if (broadcast) {
             end_seen_ms_ = clock_.elapsed();
+            if (slot_free_ms_ < 0 && backoff_) {
+                slot_free_ms_ = end_seen_ms_;
+                slot_jitter_ms_ = backoff_->slot_free_wait();
+            }
+        }
     }
 }
 

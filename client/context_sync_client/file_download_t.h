@@ -12,6 +12,11 @@
 //
 // Thread: the owner's thread (that of the connection); run() spins the connection's local event
 // loop. Owns the temporary file of the file in progress and removes it when the file fails.
+// A request that no chunk has answered is turned away when another client's batch ends (the list
+// broadcast) and, 1.5 s after the request, still no chunk of its own has come: that broadcast says
+// a slot is free, so the request is sent again after a short random wait rather than after the
+// back-off. A broadcast during the back-off cuts the wait the same way.
+//
 // Signals: progress after every written chunk and every finished file; retrying before each
 // new try of a turned-away request.
 #pragma once
@@ -26,6 +31,8 @@
 #include <QObject>
 #include <QString>
 #include <QStringList>
+
+#include "context_sync_client/retry_backoff_t.h"
 
 #include <functional>
 #include <memory>
@@ -59,6 +66,8 @@ public:
         bool timed_out = false;
         // Download requests sent (the first try included).
         int tries = 0;
+        // Of those, the tries sent early because a list broadcast said that a slot was free.
+        int early_tries = 0;
         // The service announced itself "offline" during the run.
         bool server_gone = false;
         // The caller's cancel check ended the run.
@@ -146,6 +155,11 @@ private:
     // A chunk of ours came since the current try was sent.
     bool served_ = false;
     std::optional<file_map_t> fresh_list_;
+    std::unique_ptr<retry_backoff_t> backoff_;
+    // The first list broadcast since the current try (or wait) began, and the random wait drawn
+    // for it; -1: none yet.
+    qint64 slot_free_ms_ = -1;
+    int slot_jitter_ms_ = 0;
 };
 
 } // namespace context_sync_client

@@ -38,4 +38,9 @@ int retry_backoff_t::next_wait()
     return wait_before(tries_);
 }
 
+int retry_backoff_t::slot_free_wait()
+{
+    return int(generator_.bounded(quint32(SLOT_JITTER_MS + 1)));
+}
+
 } // namespace context_sync_client

@@ -10,6 +10,7 @@
 
 #include <QCryptographicHash>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
@@ -288,7 +289,8 @@ TEST(file_download_t, ABatchThatEndsWithoutTheFileFailsItWithoutWaitingForTheTim
 TEST(file_download_t, AnotherClientsBatchEndIsNotTakenForOurs)
 {
     // The server is busy: it ignores the first request, and another client's batch ends (a list
-    // broadcast that still holds the file). The second request is served.
+    // broadcast that still holds the file). No chunk of ours follows, so the broadcast says that
+    // a slot is free: the second request goes out without the back-off, and is served.
     peer_fixture_t peer;
     ASSERT_TRUE(peer.start());
     const QByteArray content = test_support::temp_tree_t::text_bytes(4000);
@@ -321,11 +323,63 @@ TEST(file_download_t, AnotherClientsBatchEndIsNotTakenForOurs)
     EXPECT_EQ(result.tries, 2);
     EXPECT_EQ(result.retries(), 1);
     EXPECT_EQ(dir.read(path), content);
-    ASSERT_EQ(waits.size(), 1);
-    EXPECT_GE(waits[0], 250);
-    EXPECT_LE(waits[0], 500);
-    EXPECT_EQ(reasons, QStringList { QStringLiteral("the batch ended before any chunk came") });
+    EXPECT_EQ(result.early_tries, 1);
+    // The random wait after the broadcast (0 to 250 ms) replaced the back-off's 250 to 500 ms.
+    EXPECT_EQ(waits, QList<int> { 0 });
+    EXPECT_EQ(reasons,
+        QStringList { QStringLiteral("another client's batch ended before any chunk came") });
     EXPECT_EQ(peer.server->of_type(QStringLiteral("ctx_download_request")).size(), 2);
+}
+
+TEST(file_download_t, ABroadcastDuringTheBackOffBringsTheNextTryForward)
+{
+    // A full server ignores four requests; the back-off then draws 2 to 4 s before the fifth try.
+    // Another client's batch ends during that wait (a list broadcast): a slot is free, and the
+    // fifth request goes out within the random 0 to 250 ms that follow the broadcast. It is
+    // served.
+    peer_fixture_t peer;
+    ASSERT_TRUE(peer.start());
+    const QByteArray content = test_support::temp_tree_t::text_bytes(4000);
+    const QString path = QStringLiteral("background/a.txt");
+    int requests = 0;
+    QElapsedTimer since_broadcast;
+    qint64 fifth_after_ms = -1;
+    peer.server->react = [&](const client_test::scripted_server_t::request_t& request) {
+        if (request.type != QLatin1String("ctx_download_request") || ++requests < 5)
+            return;
+        fifth_after_ms = since_broadcast.elapsed();
+        peer.server->respond(
+            QStringLiteral("ctx_chunk"), request.origin, chunk_of(path, content, 0));
+    };
+    test_support::temp_tree_t dir;
+    file_download_t download(*peer.client, dir.root());
+    QList<int> waits;
+    QObject::connect(&download, &file_download_t::retrying, &download,
+        [&](int try_number, int wait_ms, const QString& reason) {
+            EXPECT_EQ(try_number, waits.size() + 2);
+            EXPECT_EQ(reason, QStringLiteral("no chunk within 100 ms"));
+            waits.append(wait_ms);
+            if (try_number == 5) {
+                // Sent while the client starts its wait: the broadcast arrives during it.
+                since_broadcast.start();
+                peer.server->respond(QStringLiteral("ctx_list"), QStringLiteral("all"),
+                    QJsonObject { { path, md5(content) } });
+            }
+        });
+    file_download_t::options_t options;
+    options.busy_window_ms = 100;
+    options.seed = 3;
+    const file_download_t::result_t result = download.run({ { path, md5(content) } }, options);
+    ASSERT_TRUE(result.ok()) << result.files.value(0).error.toStdString();
+    EXPECT_EQ(dir.read(path), content);
+    EXPECT_EQ(result.tries, 5);
+    EXPECT_EQ(result.early_tries, 1);
+    ASSERT_EQ(waits.size(), 4);
+    EXPECT_GE(waits[3], 2000);
+    // The fifth request came before the back-off's wait could have ended.
+    ASSERT_GE(fifth_after_ms, 0);
+    EXPECT_LT(fifth_after_ms, waits[3]);
+    EXPECT_EQ(peer.server->of_type(QStringLiteral("ctx_download_request")).size(), 5);
 }
 
 TEST(file_download_t, ARequestThatIsIgnoredIsTriedAgainUntilTheDeadline)

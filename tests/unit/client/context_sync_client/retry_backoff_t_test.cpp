@@ -78,3 +78,29 @@ TEST(retry_backoff_t, ResetStartsAgainWithTheSecondTry)
     EXPECT_GE(wait, 250);
     EXPECT_LE(wait, 500);
 }
+
+TEST(retry_backoff_t, TheWaitAfterASlotFreesSpansZeroToTheJitterAndCountsNoTry)
+{
+    retry_backoff_t backoff(21);
+    bool low = false;
+    bool high = false;
+    QSet<int> waits;
+    for (int i = 0; i < 20000; ++i) {
+        const int wait = backoff.slot_free_wait();
+        ASSERT_GE(wait, 0);
+        ASSERT_LE(wait, retry_backoff_t::SLOT_JITTER_MS);
+        low = low || wait == 0;
+        high = high || wait == retry_backoff_t::SLOT_JITTER_MS;
+        waits.insert(wait);
+    }
+    EXPECT_TRUE(low);
+    EXPECT_TRUE(high);
+    EXPECT_EQ(retry_backoff_t::SLOT_JITTER_MS, 250);
+    // Clients that saw the same broadcast spread over the whole interval.
+    EXPECT_EQ(waits.size(), retry_backoff_t::SLOT_JITTER_MS + 1);
+    // The back-off's own sequence is untouched: the next wait is still the one before try 2.
+    EXPECT_EQ(backoff.tries(), 1);
+    const int next = backoff.next_wait();
+    EXPECT_GE(next, 250);
+    EXPECT_LE(next, 500);
+}
