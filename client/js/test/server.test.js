@@ -351,7 +351,7 @@ describe('changes', () => {
         const service = `${base}/rr/context_sync`;
         const raw = new Uint8Array(await fs.readFile(PNG));
         const file = 'background/slot.png';
-        const list = { files: { [file]: md5(raw) } };
+        const list = { [file]: md5(raw) };
         const standIn = mqtt.connect(env.brokerUrl, { clientId: 'ctxjs-stand-in' });
         await new Promise((resolve) => standIn.on('connect', () => standIn.subscribe(`${service}/req/ctxjs-turned-away`, { qos: 1 }, resolve)));
         const answer = (topic, type, payload) => standIn.publish(topic, JSON.stringify({ payload, subtype: '', type }), { qos: 1 });
@@ -368,22 +368,26 @@ describe('changes', () => {
             if (downloads === 1) broadcastList();
             if (downloads === 3) answer(`${service}/res/ctxjs-turned-away`, 'ctx_chunk', encodeChunk({ file, index: 0, totalChunks: 1, remainingFiles: 0, raw }));
         });
-        const c = await client({ clientId: 'ctxjs-turned-away', topicBase: base });
-        // The random draws in order: the wait after the first broadcast, the back-off before try
-        // 2 (not taken), the back-off before try 3, the wait after the second broadcast.
-        const draws = [0, 0.5, 0.999, 0];
+        let result;
         const retries = [];
-        const result = await c.pull({ [file]: md5(raw) }, {
-            random: () => draws.shift() ?? 0,
-            deadline: Date.now() + 30000,
-            onRetry: (retry) => {
-                retries.push(retry);
-                // During the back-off before try 3, a slot comes free again.
-                if (retry.attempt === 3) broadcastList();
-            },
-        });
-        assert.ok(await eventually(() => received.includes('ctx_chunk_ack')), 'acknowledgement');
-        await new Promise((r) => standIn.end(false, {}, r));
+        try {
+            const c = await client({ clientId: 'ctxjs-turned-away', topicBase: base });
+            // The random draws in order: the wait after the first broadcast, the back-off before
+            // try 2 (not taken), the back-off before try 3, the wait after the second broadcast.
+            const draws = [0, 0.5, 0.999, 0];
+            result = await c.pull({ [file]: md5(raw) }, {
+                random: () => draws.shift() ?? 0,
+                deadline: Date.now() + 30000,
+                onRetry: (retry) => {
+                    retries.push(retry);
+                    // During the back-off before try 3, a slot comes free again.
+                    if (retry.attempt === 3) broadcastList();
+                },
+            });
+            assert.ok(await eventually(() => received.includes('ctx_chunk_ack')), 'acknowledgement');
+        } finally {
+            await new Promise((r) => standIn.end(false, {}, r));
+        }
         assert.deepEqual(result.files, [{ path: file, ok: true, refused: false, missing: false, error: '' }]);
         assert.deepEqual(Buffer.from(result.data.get(file)), Buffer.from(raw));
         // Try 2 at once after the broadcast; try 3 after the back-off of try 3 (500 + 0.999 x 500
