@@ -358,28 +358,18 @@ async function transfer(connection, wanted, expected, sink, results, progress, l
                 return true;
             });
             if (outcome === 'done') break;
-            if (outcome === 'stopped') {
-                ended = 'stopped';
-                failPending('the server stopped all transfers before the file arrived');
-                break;
-            }
-            if (outcome === 'gone') {
-                ended = 'offline';
-                failPending('the server went offline');
-                break;
-            }
-            if (outcome === 'lost') {
-                ended = 'connection_lost';
-                failPending(lost);
-                break;
-            }
-            if (outcome === 'cancelled') {
-                ended = 'stopped';
-                failPending('cancelled');
-                break;
-            }
-            if (outcome === 'silent') {
-                failPending(`no data from the server for ${timeoutMs} ms`);
+            // The outcomes that end the transfer: what `ended` says, and why the files failed.
+            const endings = {
+                stopped: ['stopped', 'the server stopped all transfers before the file arrived'],
+                gone: ['offline', 'the server went offline'],
+                lost: ['connection_lost', lost],
+                cancelled: ['stopped', 'cancelled'],
+                silent: ['', `no data from the server for ${timeoutMs} ms`],
+            };
+            if (outcome in endings) {
+                const [why, reason] = endings[outcome];
+                ended = why;
+                failPending(reason);
                 break;
             }
             // The batch has ended (or never began): the file in progress cannot be finished by it.
