@@ -5,17 +5,22 @@
 // acknowledged (the server then gives the file up) and its file fails.
 //
 // Busy server: it serves at most ten downloading clients and drops the request of an eleventh
-// without an answer. A try that gets no chunk of its own within 4000 ms, or whose batch ends (a
-// `ctx_list` broadcast) before any of its chunks came, is tried again after the back-off of
-// backoff.js, until the caller's deadline. Files that did not come are looked up in a fresh list
-// after each try: only those that the list no longer holds are reported missing; those whose hash
-// changed are asked for with the new hash. The server's "offline" (its Will on the retained status
-// topic), a lost connection or a `ctx_stop_transfer` end the transfer at once.
+// without an answer. The rule of backoff.js decides when a request with no chunk yet counts as
+// turned away (no chunk within 4000 ms, or a `ctx_list` broadcast ahead of any chunk: then at
+// max(broadcast, request + 1.5 s) + 0..250 ms, asked again at once) and how long to wait before
+// asking again otherwise (the randomised back-off, which a broadcast ends early), until the
+// caller's deadline. The list is asked for with every try: a file that the freshest list no longer
+// holds is reported missing, and only those; one whose hash changed is asked for with the new
+// hash. A chunk that comes during the back-off means that the last request was served after all:
+// that batch is followed instead. A batch that was served and ended without a listed file fails
+// that file (the server could not read it; asking again at once would only have it skipped
+// again). The server's "offline" (its Will on the retained status topic), a lost connection or a
+// `ctx_stop_transfer` end the transfer at once.
 import { decodeChunk, encodeAck } from './chunk.js';
 import { Md5, EMPTY_MD5 } from './md5.js';
 import { unsafePathReason } from './paths.js';
-import { BUSY_FIRST_CHUNK_MS, backoffDelayMs, sleep } from './backoff.js';
-import { requestList } from './requests.js';
+import { BUSY_FIRST_CHUNK_MS, RetryBackoff, turnedAwayAt, backoffEndsAt } from './backoff.js';
+import { filesFromPayload } from './tree.js';
 
 /** How long the end of the server's batch (its list broadcast) may precede a last chunk. */
 export const END_GRACE_MS = 1500;
@@ -42,6 +47,8 @@ export const END_GRACE_MS = 1500;
  * @property {FileResult[]} files in the order asked for
  * @property {number} bytes bytes of verified chunks received
  * @property {number} tries download requests sent
+ * @property {number} earlyTries tries asked before their back-off was over because a list broadcast
+ *   said that a slot was free (and that were not served after all)
  * @property {'offline' | 'stopped' | 'connection_lost' | ''} ended why the transfer ended early
  */
 
@@ -50,6 +57,10 @@ export const END_GRACE_MS = 1500;
  * @property {number} [deadline] Date.now() value after which no try starts (default: now + 120 s)
  * @property {number} [timeoutMs] longest silence of the server within a try (default: the connection's)
  * @property {AbortSignal} [signal]
+ * @property {() => number} [random] the source of the random waits, numbers in [0, 1) (default
+ *   Math.random; backoff.js's seededRandom(seed) repeats a run)
+ * @property {(retry: {attempt: number, waitMs: number, reason: string}) => void} [onRetry] called
+ *   before each wait for another try
  * @property {(progress: {bytes: number, filesDone: number, filesTotal: number, current: string}) => void} [onProgress]
  */
 
@@ -89,6 +100,7 @@ export class MemorySink {
 export async function downloadFiles(connection, files, sink, options = {}) {
     const deadline = options.deadline ?? Date.now() + 120000;
     const timeoutMs = options.timeoutMs ?? connection.timeoutMs;
+    const busyWindowMs = Math.min(BUSY_FIRST_CHUNK_MS, timeoutMs);
     const expected = { ...files };
     const order = Object.keys(files);
     /** @type {Map<string, FileResult>} */
@@ -96,7 +108,8 @@ export async function downloadFiles(connection, files, sink, options = {}) {
     const done = (path, ok, error = '', extra = {}) =>
         results.set(path, { path, ok, refused: false, missing: false, error, ...extra });
     const progress = { bytes: 0, filesDone: 0, filesTotal: order.length, current: '' };
-    let pending = [];
+    /** @type {string[]} */
+    const wanted = [];
     for (const path of order) {
         const refusal = (unsafePathReason(path) ? `unsafe path "${path}" refused: ${unsafePathReason(path)}` : null) ?? (await sink.check(path));
         if (refusal) {
@@ -107,181 +120,314 @@ export async function downloadFiles(connection, files, sink, options = {}) {
             const error = await sink.store(path, [], EMPTY_MD5);
             done(path, !error, error ?? '');
         } else {
-            pending.push(path);
+            wanted.push(path);
         }
     }
 
     let tries = 0;
+    let earlyTries = 0;
     let ended = '';
-    let lastReason = '';
-    for (let attempt = 1; pending.length && !options.signal?.aborted; attempt++) {
-        if (attempt > 1) {
-            const wait = backoffDelayMs(attempt);
-            if (Date.now() + wait >= deadline) break;
-            connection.log(4, `download: try ${attempt} of ${pending.length} file(s) in ${Math.round(wait)} ms`);
-            await sleep(wait, options.signal);
-            if (options.signal?.aborted) break;
-        }
-        tries++;
-        const outcome = await runBatch(connection, pending, expected, sink, results, progress, timeoutMs, options);
-        pending = pending.filter((path) => !results.has(path) || results.get(path).retry);
-        for (const path of pending) results.delete(path);
-        if (outcome.ended) {
-            ended = outcome.ended;
-            lastReason = outcome.reason;
-            break;
-        }
-        lastReason = outcome.reason;
-        if (!pending.length) break;
-        // Only a fresh list tells a file that is not coming from a busy server.
-        const list = await requestList(connection, { timeoutMs: Math.min(timeoutMs, 3000) }).catch(() => null);
-        if (list) {
-            pending = pending.filter((path) => {
-                if (path in list) {
-                    expected[path] = list[path];
-                    return true;
-                }
-                done(path, false, 'the server no longer has the file', { missing: true });
-                return false;
-            });
-        }
-        if (Date.now() >= deadline) break;
+    if (wanted.length) {
+        const outcome = await transfer(connection, wanted, expected, sink, results, progress, {
+            deadline, timeoutMs, busyWindowMs, options,
+        });
+        tries = outcome.tries;
+        earlyTries = outcome.earlyTries;
+        ended = outcome.ended;
     }
-    for (const path of pending)
-        done(path, false, lastReason || 'the server did not send the file before the deadline');
     const outcome = order.map((path) => {
         const { ok, refused, missing, error } = results.get(path);
         return { path, ok, refused, missing, error };
     });
-    return { files: outcome, bytes: progress.bytes, tries, ended };
+    return { files: outcome, bytes: progress.bytes, tries, earlyTries, ended };
 }
 
 /**
- * One try: one download request, then chunks until every file is done, the batch ends, the server
- * is busy or silent, or the transfer is ended.
+ * The tries of one download: requests, chunks, the busy rule and the back-off. Every path of
+ * `wanted` has its result in `results` when it resolves.
  */
-function runBatch(connection, paths, expected, sink, results, progress, timeoutMs, options) {
-    const wanted = new Set(paths);
-    return new Promise((resolve) => {
-        const start = Date.now();
-        let gotAny = false;
-        let lastActivity = start;
-        let endSeen = -1;
-        /** @type {null | {path: string, total: number, next: number, parts: Uint8Array[], md5: Md5}} */
-        let active = null;
-        let queue = Promise.resolve();
-        let finished = false;
+async function transfer(connection, wanted, expected, sink, results, progress, limits) {
+    const { deadline, timeoutMs, busyWindowMs, options } = limits;
+    const known = new Set(wanted);
+    const backoff = new RetryBackoff(options.random);
+    const aborted = () => Boolean(options.signal?.aborted);
 
-        const fail = (path, error, retry = false) => {
-            connection.log(3, `${path}: ${error}`);
-            results.set(path, { path, ok: false, refused: false, missing: false, error, retry });
-        };
-        const remaining = () => paths.filter((path) => !results.has(path)).length;
-        const finish = (outcome) => {
-            if (finished) return;
-            finished = true;
-            clearInterval(timer);
-            offPacket();
-            offStatus();
-            offLost();
-            options.signal?.removeEventListener('abort', onAbort);
-            queue.then(() => {
-                if (active) fail(active.path, outcome.reason || 'the transfer ended before the file was complete', !outcome.ended);
-                resolve(outcome);
-            });
-        };
-        const check = () => {
-            const now = Date.now();
-            if (!remaining()) return finish({ reason: '' });
-            if (!gotAny && (endSeen >= 0 || now - start > BUSY_FIRST_CHUNK_MS))
-                return finish({ busy: true, reason: 'the server is busy (no chunk came for the request)' });
-            if (gotAny && endSeen >= 0 && now - endSeen > END_GRACE_MS)
-                return finish({ reason: 'the server ended the batch without sending the file (missing or unreadable there)' });
-            if (now - lastActivity > timeoutMs) return finish({ reason: `no data from the server for ${timeoutMs} ms` });
-        };
+    // What the server has shown since the last request.
+    let served = false;
+    let endSeen = -1;
+    let slotFree = -1;
+    let slotJitter = 0;
+    let lastActivity = Date.now();
+    /** @type {Record<string, string> | null} */
+    let fresh = null;
+    let stopped = false;
+    let gone = connection.serviceStatus === 'offline';
+    let lost = '';
+    /** @type {null | {path: string, total: number, next: number, parts: Uint8Array[], md5: Md5}} */
+    let active = null;
+    /** Files complete and verified, being handed to the sink. */
+    const storing = new Set();
+    let stores = Promise.resolve();
+    let wake = () => {};
 
-        const onChunk = async (chunk) => {
-            const decoded = decodeChunk(chunk);
-            const path = decoded.file;
-            const index = decoded.index;
-            if (!wanted.has(path) || results.has(path)) {
-                connection.log(3, `Chunk ${index} of ${path} was not asked for, ignored`);
+    const fail = (path, error) => {
+        if (active?.path === path) active = null;
+        connection.log(3, `${path}: ${error}`);
+        results.set(path, { path, ok: false, refused: false, missing: false, error });
+    };
+    const pending = () => wanted.filter((path) => !results.has(path) && !storing.has(path));
+    const ack = (path, index) => connection.send('ctx_chunk_ack', encodeAck(path, index)).catch(() => {});
+
+    const onChunk = (chunk) => {
+        const decoded = decodeChunk(chunk);
+        const path = decoded.file;
+        const index = decoded.index;
+        if (decoded.valid && results.get(path)?.ok) {
+            // A second request, sent while the first was served after all, has the server send
+            // the file again: acknowledged, so that the server moves on at once.
+            ack(path, index);
+            return;
+        }
+        if (!known.has(path) || results.has(path) || storing.has(path)) {
+            connection.log(3, `Chunk ${index} of ${path} was not asked for, ignored`);
+            return;
+        }
+        served = true;
+        lastActivity = Date.now();
+        endSeen = -1;
+        if (!decoded.valid) {
+            fail(path, `chunk ${index} failed its MD5 check (expected ${decoded.hash}, decoded data has ${decoded.actualHash})`);
+            return;
+        }
+        if (active && active.path !== path) fail(active.path, `the server moved on to ${path} before the file was complete`);
+        if (!active) {
+            if (index !== 0 || decoded.totalChunks < 1) {
+                fail(path, `the transfer began with chunk ${index} of ${decoded.totalChunks}`);
                 return;
             }
-            gotAny = true;
-            lastActivity = Date.now();
-            endSeen = -1;
-            if (!decoded.valid) {
-                if (active?.path === path) active = null;
-                fail(path, `chunk ${index} failed its MD5 check (expected ${decoded.hash}, decoded data has ${decoded.actualHash})`);
-                return;
-            }
-            if (active && active.path !== path) {
-                fail(active.path, `the server moved on to ${path} before the file was complete`, true);
-                active = null;
-            }
-            if (!active) {
-                if (index !== 0 || decoded.totalChunks < 1) {
-                    fail(path, `the transfer began with chunk ${index} of ${decoded.totalChunks}`, true);
-                    return;
-                }
-                active = { path, total: decoded.totalChunks, next: 0, parts: [], md5: new Md5() };
-            }
-            if (index < active.next) {
-                // A repeated chunk: acknowledged again, stored once.
-                connection.send('ctx_chunk_ack', encodeAck(path, index)).catch(() => {});
-                return;
-            }
-            if (index > active.next) {
-                fail(path, `chunk ${index} came before chunk ${active.next}`, true);
-                active = null;
-                return;
-            }
-            active.parts.push(decoded.bytes);
-            active.md5.append(decoded.bytes);
-            active.next++;
-            connection.send('ctx_chunk_ack', encodeAck(path, index)).catch(() => {});
-            progress.bytes += decoded.bytes.length;
-            progress.current = path;
-            if (active.next === active.total) {
-                const file = active;
-                active = null;
-                const md5 = file.md5.hex();
-                if (md5 !== expected[path]) {
-                    fail(path, `the file's MD5 ${md5} differs from the list's ${expected[path]}`, true);
-                } else {
-                    const error = await sink.store(path, file.parts, md5);
+            active = { path, total: decoded.totalChunks, next: 0, parts: [], md5: new Md5() };
+        }
+        if (index > active.next) {
+            fail(path, `chunk ${index} came before chunk ${active.next}`);
+            return;
+        }
+        // A repeated chunk is acknowledged again (the first acknowledgement may have been lost)
+        // and kept once.
+        ack(path, index);
+        if (index < active.next) return;
+        active.parts.push(decoded.bytes);
+        active.md5.append(decoded.bytes);
+        active.next++;
+        progress.bytes += decoded.bytes.length;
+        progress.current = path;
+        if (active.next === active.total) {
+            const file = active;
+            active = null;
+            const md5 = file.md5.hex();
+            if (md5 !== expected[path]) {
+                fail(path, `the file's MD5 ${md5} differs from the list's ${expected[path]}`);
+            } else {
+                storing.add(path);
+                stores = stores.then(async () => {
+                    const error = await Promise.resolve(sink.store(path, file.parts, md5)).catch((e) => String(e));
+                    storing.delete(path);
                     if (error) fail(path, error);
                     else results.set(path, { path, ok: true, refused: false, missing: false, error: '' });
-                }
-                progress.filesDone++;
+                    wake();
+                });
             }
-            options.onProgress?.({ ...progress });
-        };
+            progress.filesDone++;
+        }
+        options.onProgress?.({ ...progress });
+    };
 
-        const offPacket = connection.on('packet', (packet) => {
-            if (packet.type === 'ctx_chunk' && !packet.broadcast) {
-                queue = queue.then(() => onChunk(packet.payload)).then(check, (error) => connection.log(2, String(error)));
-            } else if (packet.type === 'ctx_stop_transfer') {
-                finish({ ended: 'stopped', reason: 'the server stopped all transfers before the file arrived' });
-            } else if (packet.type === 'ctx_list' && packet.broadcast) {
-                // The server broadcasts its list when a client's batch ends; it may also be
-                // another client's batch or a change of the tree, so a later chunk of ours
-                // cancels it.
-                endSeen = Date.now();
-                queue = queue.then(check);
+    const offPacket = connection.on('packet', (packet) => {
+        if (packet.type === 'ctx_chunk' && !packet.broadcast) {
+            try {
+                onChunk(packet.payload);
+            } catch (error) {
+                connection.log(2, String(error));
             }
-        });
-        const offStatus = connection.on('status', (status) => {
-            if (status === 'offline') finish({ ended: 'offline', reason: 'the server went offline' });
-        });
-        const offLost = connection.on('connection_lost', () =>
-            finish({ ended: 'connection_lost', reason: 'the connection to the broker was lost' }));
-        const onAbort = () => finish({ ended: 'stopped', reason: 'cancelled' });
-        options.signal?.addEventListener('abort', onAbort);
-        const timer = setInterval(check, 100);
-        if (connection.serviceStatus === 'offline') return finish({ ended: 'offline', reason: 'the server is offline' });
-        connection.send('ctx_download_request', paths).catch((error) =>
-            finish({ ended: 'connection_lost', reason: error.message }));
+        } else if (packet.type === 'ctx_stop_transfer') {
+            stopped = true;
+        } else if (packet.type === 'ctx_list') {
+            fresh = filesFromPayload(packet.payload);
+            // The server broadcasts its list when a client's batch ends; it may also be another
+            // client's batch or a change of the tree, so a later chunk of ours cancels it. The
+            // first broadcast since the last request (or since the back-off began) says that a
+            // slot is free.
+            if (packet.broadcast) {
+                endSeen = Date.now();
+                if (slotFree < 0) {
+                    slotFree = endSeen;
+                    slotJitter = backoff.slotFreeWait();
+                }
+            }
+        } else {
+            return;
+        }
+        wake();
     });
+    const offStatus = connection.on('status', (status) => {
+        if (status === 'offline') gone = true;
+        wake();
+    });
+    const offLost = connection.on('connection_lost', () => {
+        lost = 'the connection to the broker was lost';
+        wake();
+    });
+    const onAbort = () => wake();
+    options.signal?.addEventListener('abort', onAbort);
+
+    /**
+     * Resolves once `check` returns true; `check` returns otherwise the time (Date.now() value)
+     * at which it may change without a packet (Infinity for none).
+     * @param {() => true | number} check
+     * @returns {Promise<void>}
+     */
+    const waitUntil = (check) =>
+        new Promise((resolve) => {
+            /** @type {ReturnType<typeof setTimeout> | undefined} */
+            let timer;
+            const run = () => {
+                clearTimeout(timer);
+                const next = check();
+                if (next === true) {
+                    wake = () => {};
+                    resolve();
+                    return;
+                }
+                timer = setTimeout(run, Math.max(0, Math.min(next - Date.now(), 1000)));
+            };
+            wake = run;
+            run();
+        });
+
+    const failPending = (reason) => {
+        if (active) fail(active.path, reason);
+        for (const path of pending()) fail(path, reason);
+    };
+    let tries = 0;
+    let earlyTries = 0;
+    let ended = '';
+    let sendRequest = true;
+    let requestAt = 0;
+    if (gone) {
+        // Nothing to ask of a server that is not there.
+        ended = 'offline';
+        sendRequest = false;
+        failPending('the server is offline');
+    }
+    try {
+        while (true) {
+            const asked = pending();
+            if (!asked.length) break;
+            if (sendRequest) {
+                served = false;
+                fresh = null;
+                endSeen = -1;
+                slotFree = -1;
+                requestAt = Date.now();
+                lastActivity = requestAt;
+                tries++;
+                // The list comes with every try: it tells a file gone from the server from a
+                // server too busy to answer.
+                connection.send('ctx_request').catch(() => {});
+                connection.send('ctx_download_request', asked).catch((error) => {
+                    lost = error.message;
+                    wake();
+                });
+            }
+            sendRequest = true;
+            /** @type {'done' | 'stopped' | 'gone' | 'lost' | 'cancelled' | 'ended' | 'freed' | 'busy' | 'silent'} */
+            let outcome = 'done';
+            await waitUntil(() => {
+                const now = Date.now();
+                if (!pending().length) outcome = 'done';
+                else if (stopped) outcome = 'stopped';
+                else if (gone) outcome = 'gone';
+                else if (lost) outcome = 'lost';
+                else if (aborted()) outcome = 'cancelled';
+                else if (served && endSeen >= 0 && now - endSeen > END_GRACE_MS) outcome = 'ended';
+                else if (!served) {
+                    const turned = turnedAwayAt(requestAt, slotFree, slotJitter, busyWindowMs);
+                    if (now < turned.at) return turned.at;
+                    outcome = turned.freed ? 'freed' : 'busy';
+                } else if (now - lastActivity > timeoutMs) outcome = 'silent';
+                else return Math.min(endSeen >= 0 ? endSeen + END_GRACE_MS + 1 : Infinity, lastActivity + timeoutMs + 1);
+                return true;
+            });
+            if (outcome === 'done') break;
+            // The outcomes that end the transfer: what `ended` says, and why the files failed.
+            const endings = {
+                stopped: ['stopped', 'the server stopped all transfers before the file arrived'],
+                gone: ['offline', 'the server went offline'],
+                lost: ['connection_lost', lost],
+                cancelled: ['stopped', 'cancelled'],
+                silent: ['', `no data from the server for ${timeoutMs} ms`],
+            };
+            if (outcome in endings) {
+                const [why, reason] = endings[outcome];
+                ended = why;
+                failPending(reason);
+                break;
+            }
+            // The batch has ended (or never began): the file in progress cannot be finished by it.
+            if (active) fail(active.path, 'the server ended the batch before the file was complete');
+            for (const path of pending()) {
+                if (fresh && !(path in fresh)) {
+                    fail(path, 'the server no longer has the file');
+                    results.get(path).missing = true;
+                    continue;
+                }
+                if (fresh) expected[path] = fresh[path];
+                // Served and ended without the file: the server could not read it, and asked again
+                // it would only skip it again.
+                if (served) fail(path, 'the server ended the batch without sending the file (missing or unreadable there)');
+            }
+            if (!pending().length) break;
+            const reason = outcome === 'busy'
+                ? `no chunk within ${busyWindowMs} ms`
+                : "another client's batch ended before any chunk came";
+            // The back-off counts every try, so that its fallback grows; after a broadcast the
+            // random wait has already been taken.
+            const backoffMs = backoff.nextWait();
+            const waitMs = outcome === 'freed' ? 0 : backoffMs;
+            if (Date.now() + waitMs > deadline) {
+                failPending(`the server was busy: no chunk after ${tries} ${tries === 1 ? 'try' : 'tries'}`);
+                break;
+            }
+            connection.log(4, `The server seems busy (${reason}): try ${tries + 1} in ${Math.round(waitMs)} ms`);
+            options.onRetry?.({ attempt: tries + 1, waitMs, reason });
+            // A chunk during the wait means that the last request was served after all: its batch
+            // is followed instead of asking again. A list broadcast during the wait says that a
+            // slot is free: the wait ends 0 to 250 ms after it.
+            const waitEnd = Date.now() + waitMs;
+            slotFree = -1;
+            let early = outcome === 'freed';
+            await waitUntil(() => {
+                const now = Date.now();
+                const end = backoffEndsAt(waitEnd, slotFree, slotJitter);
+                if (end.early && now >= end.at && now < waitEnd) {
+                    early = true;
+                    return true;
+                }
+                if (served || stopped || gone || lost || aborted() || now >= waitEnd) return true;
+                return end.at;
+            });
+            if (early && !served) earlyTries++;
+            if (served || stopped || gone || lost || aborted()) {
+                sendRequest = false;
+                endSeen = -1;
+            }
+        }
+        await stores;
+    } finally {
+        offPacket();
+        offStatus();
+        offLost();
+        options.signal?.removeEventListener('abort', onAbort);
+    }
+    for (const path of wanted) if (!results.has(path)) fail(path, 'the server did not send the file before the deadline');
+    return { tries, earlyTries, ended };
 }

@@ -10,6 +10,6 @@ export { inspectImage } from './image.js';
 export { downloadFiles, MemorySink, END_GRACE_MS } from './download.js';
 export { uploadFiles, uploadRefusal, MAX_UPLOAD_BYTES } from './upload.js';
 export { requestList, requestServerHash, waitForList, removeFiles, renameFile, replaceTree, LIST_RETRY_MS, SERVER_SETTLE_MS } from './requests.js';
-export { backoffCeilingMs, backoffDelayMs, BUSY_FIRST_CHUNK_MS } from './backoff.js';
+export { backoffCeilingMs, backoffDelayMs, slotFreeWaitMs, turnedAwayAt, backoffEndsAt, RetryBackoff, seededRandom, BUSY_FIRST_CHUNK_MS, SLOT_FREE_AFTER_REQUEST_MS, SLOT_JITTER_MS } from './backoff.js';
 export { topicsFor, clientIdProblem, DEFAULT_TOPIC_BASE, SERVICE_NAME } from './topics.js';
 export { base64Encode, base64Decode } from './bytes.js';

@@ -10,7 +10,7 @@ import { execFileSync } from 'node:child_process';
 import {
     CHUNK_SIZE, chunkCount, compressFramed, decompressFramed, encodeChunk, decodeChunk, encodeAck,
     base64Encode, base64Decode, contextHash, EMPTY_CONTEXT_HASH, unsafePathReason, md5Hex, Md5,
-    backoffCeilingMs, backoffDelayMs,
+    backoffCeilingMs, backoffDelayMs, slotFreeWaitMs, turnedAwayAt, backoffEndsAt, RetryBackoff, seededRandom,
 } from '../src/index.js';
 import { IMAGES_DIR } from './harness.js';
 
@@ -157,4 +157,67 @@ test('busy back-off: before try n the wait is in [c/2, c], c = min(8000, 500 x 2
     assert.equal(backoffDelayMs(2, () => 0), 250);
     assert.equal(backoffDelayMs(2, () => 0.999999) <= 500, true);
     assert.equal(backoffDelayMs(6, () => 0.5), 6000);
+});
+
+test('busy rule: a request with no chunk is turned away after 4000 ms, or at max(broadcast, request + 1.5 s) + the slot wait', () => {
+    // No broadcast: more than 4000 ms without a chunk, then the back-off.
+    assert.deepEqual(turnedAwayAt(10000, -1, 0), { at: 14001, freed: false });
+    // A broadcast soon after the request: 1.5 s after the request, plus the drawn wait.
+    assert.deepEqual(turnedAwayAt(10000, 10200, 100), { at: 11600, freed: true });
+    assert.deepEqual(turnedAwayAt(10000, 10000, 0), { at: 11500, freed: true });
+    // A later broadcast: the broadcast plus the drawn wait.
+    assert.deepEqual(turnedAwayAt(10000, 13000, 250), { at: 13250, freed: true });
+    // A broadcast whose wait would end past the 4000 ms: the 4000 ms decide.
+    assert.deepEqual(turnedAwayAt(10000, 13900, 200), { at: 14001, freed: false });
+    // A shorter window (a connection with a short time-out).
+    assert.deepEqual(turnedAwayAt(10000, -1, 0, 2000), { at: 12001, freed: false });
+});
+
+test('busy rule: a broadcast during the back-off ends it at broadcast + the slot wait, if earlier', () => {
+    assert.deepEqual(backoffEndsAt(20000, -1, 0), { at: 20000, early: false });
+    assert.deepEqual(backoffEndsAt(20000, 19000, 120), { at: 19120, early: true });
+    assert.deepEqual(backoffEndsAt(20000, 19900, 100), { at: 20000, early: false });
+    assert.deepEqual(backoffEndsAt(20000, 19950, 100), { at: 20000, early: false });
+});
+
+test('busy rule: the slot wait is uniform in [0, 250] ms, drawn from the given source', () => {
+    assert.equal(slotFreeWaitMs(() => 0), 0);
+    assert.equal(slotFreeWaitMs(() => 0.5), 125);
+    assert.ok(slotFreeWaitMs(() => 0.999999) <= 250);
+    const random = seededRandom(7);
+    for (let i = 0; i < 1000; i++) {
+        const wait = slotFreeWaitMs(random);
+        assert.ok(wait >= 0 && wait <= 250, String(wait));
+    }
+});
+
+test('busy rule: RetryBackoff counts every try, early ones too, and repeats itself for a seed', () => {
+    const sequence = (seed) => {
+        const backoff = new RetryBackoff(seededRandom(seed));
+        const waits = [];
+        for (let i = 0; i < 9; i++) {
+            // A broadcast's slot wait drawn in between does not change the try number.
+            if (i % 2) backoff.slotFreeWait();
+            waits.push(backoff.nextWait());
+        }
+        return { waits, tries: backoff.tries };
+    };
+    const first = sequence(42);
+    assert.deepEqual(sequence(42), first);
+    assert.notDeepEqual(sequence(43).waits, first.waits);
+    assert.equal(first.tries, 10);
+    first.waits.forEach((wait, i) => {
+        const ceiling = backoffCeilingMs(i + 2);
+        assert.ok(wait >= ceiling / 2 && wait <= ceiling, `try ${i + 2}: ${wait} outside [${ceiling / 2}, ${ceiling}]`);
+    });
+    // Injected draws: the wait before try 2 at the low end, before try 3 at the middle.
+    const draws = [0, 0.5];
+    const backoff = new RetryBackoff(() => draws.shift());
+    assert.deepEqual([backoff.nextWait(), backoff.nextWait()], [250, 750]);
+    // seededRandom stays in [0, 1).
+    const random = seededRandom(1);
+    for (let i = 0; i < 10000; i++) {
+        const x = random();
+        assert.ok(x >= 0 && x < 1);
+    }
 });

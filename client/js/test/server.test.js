@@ -344,6 +344,68 @@ describe('changes', () => {
         assert.ok(results.filter((r) => r.tries > 1).length >= 2, `tries: ${results.map((r) => r.tries)}`);
     });
 
+    test('a full server: a list broadcast frees the request early (at once, then ending a back-off), and every try counts', async () => {
+        // A stand-in server under a topic base of its own on the same broker: it ignores the
+        // first two download requests, as a server with ten clients does, and serves the third.
+        const base = 'busytest';
+        const service = `${base}/rr/context_sync`;
+        const raw = new Uint8Array(await fs.readFile(PNG));
+        const file = 'background/slot.png';
+        const list = { [file]: md5(raw) };
+        const standIn = mqtt.connect(env.brokerUrl, { clientId: 'ctxjs-stand-in' });
+        await new Promise((resolve) => standIn.on('connect', () => standIn.subscribe(`${service}/req/ctxjs-turned-away`, { qos: 1 }, resolve)));
+        const answer = (topic, type, payload) => standIn.publish(topic, JSON.stringify({ payload, subtype: '', type }), { qos: 1 });
+        const broadcastList = () => answer(`${service}/bcast`, 'ctx_list', list);
+        const received = [];
+        let downloads = 0;
+        standIn.on('message', (_topic, body) => {
+            const json = JSON.parse(body.toString());
+            received.push(json.type);
+            if (json.type === 'ctx_request') answer(`${service}/res/ctxjs-turned-away`, 'ctx_list', list);
+            if (json.type !== 'ctx_download_request') return;
+            downloads++;
+            // Another client's batch ends while the first request waits.
+            if (downloads === 1) broadcastList();
+            if (downloads === 3) answer(`${service}/res/ctxjs-turned-away`, 'ctx_chunk', encodeChunk({ file, index: 0, totalChunks: 1, remainingFiles: 0, raw }));
+        });
+        let result;
+        const retries = [];
+        try {
+            const c = await client({ clientId: 'ctxjs-turned-away', topicBase: base });
+            // The random draws in order: the wait after the first broadcast, the back-off before
+            // try 2 (not taken), the back-off before try 3, the wait after the second broadcast.
+            const draws = [0, 0.5, 0.999, 0];
+            result = await c.pull({ [file]: md5(raw) }, {
+                random: () => draws.shift() ?? 0,
+                deadline: Date.now() + 30000,
+                onRetry: (retry) => {
+                    retries.push(retry);
+                    // During the back-off before try 3, a slot comes free again.
+                    if (retry.attempt === 3) broadcastList();
+                },
+            });
+            assert.ok(await eventually(() => received.includes('ctx_chunk_ack')), 'acknowledgement');
+        } finally {
+            await new Promise((r) => standIn.end(false, {}, r));
+        }
+        assert.deepEqual(result.files, [{ path: file, ok: true, refused: false, missing: false, error: '' }]);
+        assert.deepEqual(Buffer.from(result.data.get(file)), Buffer.from(raw));
+        // Try 2 at once after the broadcast; try 3 after the back-off of try 3 (500 + 0.999 x 500
+        // ms: try 2 counted), which the second broadcast ended early.
+        assert.deepEqual(retries, [
+            { attempt: 2, waitMs: 0, reason: "another client's batch ended before any chunk came" },
+            { attempt: 3, waitMs: 999.5, reason: 'no chunk within 4000 ms' },
+        ]);
+        assert.equal(result.tries, 3);
+        assert.equal(result.earlyTries, 2);
+        assert.deepEqual(received, [
+            'ctx_request', 'ctx_download_request',
+            'ctx_request', 'ctx_download_request',
+            'ctx_request', 'ctx_download_request',
+            'ctx_chunk_ack',
+        ]);
+    });
+
     test("the server's Will (\"offline\") ends a transfer at once", async () => {
         const c = await client();
         const { files } = await c.list();

@@ -29,6 +29,8 @@ export const END_GRACE_MS: 1500;
  * @property {FileResult[]} files in the order asked for
  * @property {number} bytes bytes of verified chunks received
  * @property {number} tries download requests sent
+ * @property {number} earlyTries tries asked before their back-off was over because a list broadcast
+ *   said that a slot was free (and that were not served after all)
  * @property {'offline' | 'stopped' | 'connection_lost' | ''} ended why the transfer ended early
  */
 /**
@@ -36,6 +38,10 @@ export const END_GRACE_MS: 1500;
  * @property {number} [deadline] Date.now() value after which no try starts (default: now + 120 s)
  * @property {number} [timeoutMs] longest silence of the server within a try (default: the connection's)
  * @property {AbortSignal} [signal]
+ * @property {() => number} [random] the source of the random waits, numbers in [0, 1) (default
+ *   Math.random; backoff.js's seededRandom(seed) repeats a run)
+ * @property {(retry: {attempt: number, waitMs: number, reason: string}) => void} [onRetry] called
+ *   before each wait for another try
  * @property {(progress: {bytes: number, filesDone: number, filesTotal: number, current: string}) => void} [onProgress]
  */
 /** Memory sink: keeps each file as one Uint8Array. */
@@ -83,6 +89,11 @@ export type DownloadResult = {
      */
     tries: number;
     /**
+     * tries asked before their back-off was over because a list broadcast
+     * said that a slot was free (and that were not served after all)
+     */
+    earlyTries: number;
+    /**
      * why the transfer ended early
      */
     ended: "offline" | "stopped" | "connection_lost" | "";
@@ -97,6 +108,20 @@ export type DownloadOptions = {
      */
     timeoutMs?: number;
     signal?: AbortSignal;
+    /**
+     * the source of the random waits, numbers in [0, 1) (default
+     * Math.random; backoff.js's seededRandom(seed) repeats a run)
+     */
+    random?: () => number;
+    /**
+     * called
+     * before each wait for another try
+     */
+    onRetry?: (retry: {
+        attempt: number;
+        waitMs: number;
+        reason: string;
+    }) => void;
     onProgress?: (progress: {
         bytes: number;
         filesDone: number;
