@@ -13,6 +13,7 @@
 
 #include "rr_test_support.h"
 
+#include "common/event_wait.h"
 #include "common/md5_hex.h"
 #include "common/mosquitto_broker_t.h"
 #include "common/temp_tree_t.h"
@@ -159,10 +160,7 @@ private:
     QString previous_output_;
 };
 
-// Processes events until `done` holds or `timeout_ms` passes.
-inline bool wait_until(const std::function<bool()>& done, int timeout_ms)
-{
-    return rr_test::wait_until(done, timeout_ms);
-}
+// Processes events until `done` holds or `timeout_ms` passes (no default: each wait names its own).
+using test_support::wait_until;
 
 } // namespace reliability

@@ -17,17 +17,10 @@ using context_sync_engine::context_sync_test_peer_t;
 using context_sync_engine::file_sender_t;
 using service_test::host_t;
 using service_test::settle;
+using service_test::unicast_count;
 using service_test::wait_until;
 
 namespace {
-
-int unicast_count(const service_test::client_t& client, const QString& type)
-{
-    int n = 0;
-    for (const auto& response : client.of_type(type))
-        n += response.broadcast ? 0 : 1;
-    return n;
-}
 
 QJsonArray keys_of(const QJsonObject& object)
 {

@@ -11,29 +11,15 @@
 #include <gtest/gtest.h>
 
 using context_sync_engine::context_sync_t;
+using service_test::as_map;
 using service_test::host_t;
 using service_test::settle;
+using service_test::unicast_count;
 
 namespace {
 
 const QString kStateOfService = QStringLiteral("state_of_service");
 const QString kSource = QStringLiteral("server/context_sync/context_sync/context_sync_t");
-
-int unicast_count(const service_test::client_t& client, const QString& type)
-{
-    int n = 0;
-    for (const auto& response : client.of_type(type))
-        n += response.broadcast ? 0 : 1;
-    return n;
-}
-
-QMap<QString, QString> as_map(const QJsonObject& files)
-{
-    QMap<QString, QString> map;
-    for (auto it = files.begin(); it != files.end(); ++it)
-        map.insert(it.key(), it.value().toString());
-    return map;
-}
 
 QString hex(const void* pointer)
 {
@@ -269,9 +255,8 @@ TEST(ContextSyncService, RrServerEventsAreOnlyLogged)
     // The rr server may already be running before start(true) wires its state signal (it starts
     // the rr server first), so its own "running" change can come before anyone listens: deliver
     // a state change explicitly instead of depending on that timing.
-    ASSERT_TRUE(QMetaObject::invokeMethod(
-        host.service(), "on_state_change", Qt::BlockingQueuedConnection,
-        Q_ARG(int, comunication::service::service_rr_base_t::running),
+    ASSERT_TRUE(QMetaObject::invokeMethod(host.service(), "on_state_change",
+        Qt::BlockingQueuedConnection, Q_ARG(int, comunication::service::service_rr_base_t::running),
         Q_ARG(QString, QStringLiteral("context_sync"))));
     EXPECT_TRUE(log.contains(QStringLiteral("Change state to [context_sync] running"), 6));
 

@@ -18,8 +18,10 @@
 using context_sync_engine::context_monitor_t;
 using context_sync_engine::context_sync_t;
 using context_sync_engine::context_sync_test_peer_t;
+using service_test::as_map;
 using service_test::host_t;
 using service_test::settle;
+using service_test::unicast_count;
 using service_test::wait_until;
 
 namespace {
@@ -28,22 +30,6 @@ const QString kSource = QStringLiteral("server/context_sync/context_sync/context
 const QString kItalianNote = QStringLiteral("Se aspetto che finisca lo scan posso togliere il "
                                             "secondo replace dal client nella funzione handler "
                                             "import");
-
-int unicast_count(const service_test::client_t& client, const QString& type)
-{
-    int n = 0;
-    for (const auto& response : client.of_type(type))
-        n += response.broadcast ? 0 : 1;
-    return n;
-}
-
-QMap<QString, QString> as_map(const QJsonObject& files)
-{
-    QMap<QString, QString> map;
-    for (auto it = files.begin(); it != files.end(); ++it)
-        map.insert(it.key(), it.value().toString());
-    return map;
-}
 
 QString compact(const QJsonObject& object)
 {

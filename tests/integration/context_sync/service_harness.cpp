@@ -131,6 +131,22 @@ bool client_t::wait_for(const QString& type, int wanted, int timeout_ms)
     return wait_until([this, &type, wanted] { return count(type) >= wanted; }, timeout_ms);
 }
 
+int unicast_count(const client_t& client, const QString& type)
+{
+    int n = 0;
+    for (const auto& response : client.of_type(type))
+        n += response.broadcast ? 0 : 1;
+    return n;
+}
+
+QMap<QString, QString> as_map(const QJsonObject& files)
+{
+    QMap<QString, QString> map;
+    for (auto it = files.begin(); it != files.end(); ++it)
+        map.insert(it.key(), it.value().toString());
+    return map;
+}
+
 bool client_t::complete(const QString& file) const
 {
     return total_chunks.contains(file) && chunks_seen.value(file) == total_chunks.value(file);

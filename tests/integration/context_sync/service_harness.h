@@ -117,6 +117,11 @@ private:
     QStringList statuses_;
 };
 
+// How many answers of `type` came to `client` alone (broadcasts not counted).
+int unicast_count(const client_t& client, const QString& type);
+// A files object {relative path: MD5} as a map.
+QMap<QString, QString> as_map(const QJsonObject& files);
+
 // Broker, context root, server connection, database and the service on its own thread.
 class host_t {
 public:

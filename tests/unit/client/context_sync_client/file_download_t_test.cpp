@@ -1,6 +1,7 @@
 #include "context_sync_client/file_download_t.h"
 
 #include "client_test_env_t.h"
+#include "peer_fixture_t.h"
 #include "scripted_server_t.h"
 
 #include "context_sync/context_sync/transfer_manager/chunk_codec_t.h"
@@ -18,6 +19,7 @@
 
 #include <gtest/gtest.h>
 
+using client_test::peer_fixture_t;
 using context_sync_client::client_connection_t;
 using context_sync_client::context_tree_t;
 using context_sync_client::file_download_t;
@@ -40,28 +42,6 @@ QJsonObject chunk_of(const QString& file, const QByteArray& content, int index)
     return codec_t::build_chunk(
         header, content.mid(index * codec_t::CHUNK_SIZE, codec_t::CHUNK_SIZE), 9);
 }
-
-// A broker, a hand-driven server and a connected client.
-struct peer_fixture_t {
-    test_support::mosquitto_broker_t broker;
-    std::unique_ptr<client_test::scripted_server_t> server;
-    std::unique_ptr<client_connection_t> client;
-
-    bool start()
-    {
-        if (!broker.start())
-            return false;
-        server = std::make_unique<client_test::scripted_server_t>(broker);
-        if (!server->start())
-            return false;
-        client_connection_t::settings_t settings;
-        settings.host = broker.host();
-        settings.port = broker.port();
-        settings.client_id = QStringLiteral("downloader");
-        client = std::make_unique<client_connection_t>(settings);
-        return client->open(10000);
-    }
-};
 
 // The server side of a download done right: every file in order, each chunk after the
 // acknowledgement of the previous one.
@@ -155,7 +135,7 @@ TEST(file_download_t, WriteAtomicallyReplacesTheFileAndLeavesNoTemporary)
 TEST(file_download_t, FilesArriveChunkByChunkAndEachChunkIsAcknowledged)
 {
     peer_fixture_t peer;
-    ASSERT_TRUE(peer.start());
+    ASSERT_TRUE(peer.start(QStringLiteral("downloader")));
     const QByteArray big = test_support::temp_tree_t::random_bytes(codec_t::CHUNK_SIZE + 1, 7);
     const QByteArray small = test_support::temp_tree_t::text_bytes(1000);
     const QMap<QString, QByteArray> files { { QStringLiteral("background/big.bin"), big },
@@ -196,7 +176,7 @@ TEST(file_download_t, FilesArriveChunkByChunkAndEachChunkIsAcknowledged)
 TEST(file_download_t, AChunkThatFailsItsHashIsNotAcknowledgedAndNothingIsWritten)
 {
     peer_fixture_t peer;
-    ASSERT_TRUE(peer.start());
+    ASSERT_TRUE(peer.start(QStringLiteral("downloader")));
     const QByteArray content = test_support::temp_tree_t::text_bytes(5000);
     peer.server->react = [&](const client_test::scripted_server_t::request_t& request) {
         if (request.type != QLatin1String("ctx_download_request"))
@@ -223,7 +203,7 @@ TEST(file_download_t, AChunkThatFailsItsHashIsNotAcknowledgedAndNothingIsWritten
 TEST(file_download_t, AWholeFileThatDiffersFromTheListIsNotRenamedIntoPlace)
 {
     peer_fixture_t peer;
-    ASSERT_TRUE(peer.start());
+    ASSERT_TRUE(peer.start(QStringLiteral("downloader")));
     const QByteArray sent = test_support::temp_tree_t::text_bytes(3000);
     serve_files(*peer.server, { { QStringLiteral("background/a.txt"), sent } });
     test_support::temp_tree_t dir;
@@ -244,7 +224,7 @@ TEST(file_download_t, AWholeFileThatDiffersFromTheListIsNotRenamedIntoPlace)
 TEST(file_download_t, EmptyFilesAreMadeFromTheListAndUnsafePathsAreNeverAskedFor)
 {
     peer_fixture_t peer;
-    ASSERT_TRUE(peer.start());
+    ASSERT_TRUE(peer.start(QStringLiteral("downloader")));
     test_support::temp_tree_t dir;
     file_download_t download(*peer.client, dir.root());
     const file_download_t::result_t result = download.run(
@@ -268,7 +248,7 @@ TEST(file_download_t, EmptyFilesAreMadeFromTheListAndUnsafePathsAreNeverAskedFor
 TEST(file_download_t, ABatchThatEndsWithoutTheFileFailsItWithoutWaitingForTheTimeOut)
 {
     peer_fixture_t peer;
-    ASSERT_TRUE(peer.start());
+    ASSERT_TRUE(peer.start(QStringLiteral("downloader")));
     peer.server->react = [&](const client_test::scripted_server_t::request_t& request) {
         if (request.type == QLatin1String("ctx_download_request"))
             peer.server->respond(QStringLiteral("ctx_list"), QStringLiteral("all"), {});
@@ -292,7 +272,7 @@ TEST(file_download_t, AnotherClientsBatchEndIsNotTakenForOurs)
     // broadcast that still holds the file). No chunk of ours follows, so the broadcast says that
     // a slot is free: the second request goes out without the back-off, and is served.
     peer_fixture_t peer;
-    ASSERT_TRUE(peer.start());
+    ASSERT_TRUE(peer.start(QStringLiteral("downloader")));
     const QByteArray content = test_support::temp_tree_t::text_bytes(4000);
     const QString path = QStringLiteral("background/a.txt");
     int requests = 0;
@@ -338,7 +318,7 @@ TEST(file_download_t, ABroadcastDuringTheBackOffBringsTheNextTryForward)
     // fifth request goes out within the random 0 to 250 ms that follow the broadcast. It is
     // served.
     peer_fixture_t peer;
-    ASSERT_TRUE(peer.start());
+    ASSERT_TRUE(peer.start(QStringLiteral("downloader")));
     const QByteArray content = test_support::temp_tree_t::text_bytes(4000);
     const QString path = QStringLiteral("background/a.txt");
     int requests = 0;
@@ -385,7 +365,7 @@ TEST(file_download_t, ABroadcastDuringTheBackOffBringsTheNextTryForward)
 TEST(file_download_t, ARequestThatIsIgnoredIsTriedAgainUntilTheDeadline)
 {
     peer_fixture_t peer;
-    ASSERT_TRUE(peer.start());
+    ASSERT_TRUE(peer.start(QStringLiteral("downloader")));
     test_support::temp_tree_t dir;
     file_download_t download(*peer.client, dir.root());
     int retries = 0;
@@ -418,7 +398,7 @@ TEST(file_download_t, ARequestThatIsIgnoredIsTriedAgainUntilTheDeadline)
 TEST(file_download_t, SilenceFromTheServerEndsTheDownloadAfterTheTimeOut)
 {
     peer_fixture_t peer;
-    ASSERT_TRUE(peer.start());
+    ASSERT_TRUE(peer.start(QStringLiteral("downloader")));
     const QByteArray big = test_support::temp_tree_t::random_bytes(codec_t::CHUNK_SIZE * 2, 4);
     // The first chunk comes, then nothing.
     peer.server->react = [&](const client_test::scripted_server_t::request_t& request) {
@@ -442,7 +422,7 @@ TEST(file_download_t, SilenceFromTheServerEndsTheDownloadAfterTheTimeOut)
 TEST(file_download_t, TheServersOfflineStatusEndsTheDownloadAtOnce)
 {
     peer_fixture_t peer;
-    ASSERT_TRUE(peer.start());
+    ASSERT_TRUE(peer.start(QStringLiteral("downloader")));
     const QByteArray big = test_support::temp_tree_t::random_bytes(codec_t::CHUNK_SIZE * 2, 5);
     bool published = false;
     peer.server->react = [&](const client_test::scripted_server_t::request_t& request) {
@@ -482,7 +462,7 @@ TEST(file_download_t, TheServersOfflineStatusEndsTheDownloadAtOnce)
 TEST(file_download_t, ACancelledDownloadLeavesNoTemporaryFile)
 {
     peer_fixture_t peer;
-    ASSERT_TRUE(peer.start());
+    ASSERT_TRUE(peer.start(QStringLiteral("downloader")));
     const QByteArray big = test_support::temp_tree_t::random_bytes(codec_t::CHUNK_SIZE * 2, 6);
     bool acked = false;
     peer.server->react = [&](const client_test::scripted_server_t::request_t& request) {
@@ -545,7 +525,7 @@ TEST(file_download_t, TheVerdictOnAnEndedBatchTellsMissingFromBusy)
 TEST(file_download_t, AStopFromTheServerAbandonsTheFileInProgress)
 {
     peer_fixture_t peer;
-    ASSERT_TRUE(peer.start());
+    ASSERT_TRUE(peer.start(QStringLiteral("downloader")));
     const QByteArray big = test_support::temp_tree_t::random_bytes(codec_t::CHUNK_SIZE * 2, 3);
     peer.server->react = [&](const client_test::scripted_server_t::request_t& request) {
         if (request.type == QLatin1String("ctx_download_request"))

@@ -1,6 +1,7 @@
 #include "context_sync_client/file_upload_t.h"
 
 #include "client_test_env_t.h"
+#include "peer_fixture_t.h"
 #include "scripted_server_t.h"
 
 #include "context_sync/context_sync/transfer_manager/chunk_codec_t.h"
@@ -13,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+using client_test::peer_fixture_t;
 using context_sync_client::client_connection_t;
 using context_sync_client::file_map_t;
 using context_sync_client::file_upload_t;
@@ -29,39 +31,6 @@ QString image_path(const QString& name)
 {
     return QStringLiteral(CONTEXT_SYNC_TEST_DATA_DIR "/images/") + name;
 }
-
-struct peer_fixture_t {
-    test_support::mosquitto_broker_t broker;
-    std::unique_ptr<client_test::scripted_server_t> server;
-    std::unique_ptr<client_connection_t> client;
-
-    bool start()
-    {
-        if (!broker.start())
-            return false;
-        server = std::make_unique<client_test::scripted_server_t>(broker);
-        if (!server->start())
-            return false;
-        client_connection_t::settings_t settings;
-        settings.host = broker.host();
-        settings.port = broker.port();
-        settings.client_id = QStringLiteral("uploader");
-        client = std::make_unique<client_connection_t>(settings);
-        return client->open(10000);
-    }
-
-    // Acknowledges every chunk as the server's receiver does.
-    void acknowledge_all()
-    {
-        server->react = [this](const client_test::scripted_server_t::request_t& request) {
-            if (request.type != QLatin1String("ctx_chunk"))
-                return;
-            const codec_t::fields_t fields = codec_t::read_fields(request.message());
-            server->respond(QStringLiteral("ctx_chunk_ack"), request.origin,
-                codec_t::build_ack(fields.header.file, fields.header.chunk_index));
-        };
-    }
-};
 
 } // namespace
 
@@ -134,7 +103,7 @@ TEST(file_upload_t, PlacementProblemsExplainWhatTheServerWouldRemove)
 TEST(file_upload_t, ChunksFollowTheWireFormatToTheByte)
 {
     peer_fixture_t peer;
-    ASSERT_TRUE(peer.start());
+    ASSERT_TRUE(peer.start(QStringLiteral("uploader")));
     peer.acknowledge_all();
     test_support::temp_tree_t dir;
     const QByteArray first = test_support::temp_tree_t::random_bytes(codec_t::CHUNK_SIZE + 1, 11);
@@ -186,7 +155,7 @@ TEST(file_upload_t, ChunksFollowTheWireFormatToTheByte)
 TEST(file_upload_t, AMissingAcknowledgementFailsTheFileAndTheRestOfTheBatch)
 {
     peer_fixture_t peer;
-    ASSERT_TRUE(peer.start());
+    ASSERT_TRUE(peer.start(QStringLiteral("uploader")));
     test_support::temp_tree_t dir;
     ASSERT_TRUE(dir.write(QStringLiteral("a"), "a"));
     ASSERT_TRUE(dir.write(QStringLiteral("b"), "b"));
@@ -207,7 +176,7 @@ TEST(file_upload_t, AMissingAcknowledgementFailsTheFileAndTheRestOfTheBatch)
 TEST(file_upload_t, AnAcknowledgementForAnotherChunkIsIgnored)
 {
     peer_fixture_t peer;
-    ASSERT_TRUE(peer.start());
+    ASSERT_TRUE(peer.start(QStringLiteral("uploader")));
     peer.server->react = [&peer](const client_test::scripted_server_t::request_t& request) {
         if (request.type != QLatin1String("ctx_chunk"))
             return;
@@ -231,7 +200,7 @@ TEST(file_upload_t, AnAcknowledgementForAnotherChunkIsIgnored)
 TEST(file_upload_t, AStopFromTheServerEndsTheUpload)
 {
     peer_fixture_t peer;
-    ASSERT_TRUE(peer.start());
+    ASSERT_TRUE(peer.start(QStringLiteral("uploader")));
     peer.server->react = [&peer](const client_test::scripted_server_t::request_t& request) {
         if (request.type == QLatin1String("ctx_chunk"))
             peer.server->respond(QStringLiteral("ctx_stop_transfer"), QStringLiteral("all"), {});

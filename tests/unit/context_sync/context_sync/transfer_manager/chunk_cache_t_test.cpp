@@ -10,6 +10,7 @@
 #include "common/temp_tree_t.h"
 #include "transfer_test_util.h"
 
+#include <QCoreApplication>
 #include <QCryptographicHash>
 #include <QJsonDocument>
 #include <QJsonObject>

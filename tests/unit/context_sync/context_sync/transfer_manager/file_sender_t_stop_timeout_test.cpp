@@ -7,6 +7,7 @@
 #include "common/temp_tree_t.h"
 #include "transfer_test_util.h"
 
+#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QSignalSpy>
 

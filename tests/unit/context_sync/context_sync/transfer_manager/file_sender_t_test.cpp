@@ -8,6 +8,7 @@
 #include "context_sync/context_sync/transfer_manager/chunk_codec_t.h"
 #include "transfer_test_util.h"
 
+#include <QCoreApplication>
 #include <QDateTime>
 #include <QElapsedTimer>
 #include <QFileInfo>

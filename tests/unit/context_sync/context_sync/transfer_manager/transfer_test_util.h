@@ -4,11 +4,10 @@
 
 #include "context_sync/context_sync/transfer_manager/chunk_codec_t.h"
 
-#include <QCoreApplication>
-#include <QDeadlineTimer>
+#include "common/event_wait.h"
+
 #include <QFile>
 #include <QJsonObject>
-#include <QThread>
 
 #include <functional>
 
@@ -33,18 +32,12 @@ inline QByteArray piece(const QByteArray& content, int index)
     return content.mid(qsizetype(index) * chunk_codec_t::CHUNK_SIZE, chunk_codec_t::CHUNK_SIZE);
 }
 
-// Turns the event loop until `done` holds or `timeout_ms` passes; returns the last value of done.
+// Turns the event loop (deferred deletions included) until `done` holds or `timeout_ms` passes;
+// returns the last value of done.
 inline bool wait_until(const std::function<bool()>& done, int timeout_ms = 10000)
 {
-    QDeadlineTimer deadline(timeout_ms);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-        QThread::msleep(1);
-    }
-    return true;
+    return test_support::wait_until(
+        done, timeout_ms, test_support::wait_turn_t::events_and_deletions);
 }
 
 inline QByteArray read_all(const QString& path)

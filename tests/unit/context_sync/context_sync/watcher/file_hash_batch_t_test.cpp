@@ -5,11 +5,11 @@
 
 #include "context_sync/context_sync/watcher/context_monitor_t.h"
 
+#include "common/event_wait.h"
 #include "common/md5_hex.h"
 #include "common/temp_tree_t.h"
 
 #include <QCryptographicHash>
-#include <QDeadlineTimer>
 
 #include <gtest/gtest.h>
 
@@ -37,16 +37,11 @@ qint64 realtime_ns()
     return static_cast<qint64>(now.tv_sec) * 1000000000 + now.tv_nsec;
 }
 
-// Waits (bounded) until `done` holds.
-template <typename Condition> bool wait_until(Condition done)
+// Waits (bounded) until `done` holds. Helper threads wait here as well, and the batch sends no
+// events: the wait only yields.
+bool wait_until(const std::function<bool()>& done)
 {
-    QDeadlineTimer deadline(kWaitMs);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return false;
-        std::this_thread::yield();
-    }
-    return true;
+    return test_support::wait_until(done, kWaitMs, test_support::wait_turn_t::yield_only);
 }
 
 // Records which thread hashed which path.

@@ -3,10 +3,9 @@
 
 #include "utility/thread_object_t.h"
 
+#include "common/event_wait.h"
 #include "common/log_capture_t.h"
 
-#include <QCoreApplication>
-#include <QDeadlineTimer>
 #include <QPointer>
 #include <QThread>
 
@@ -14,19 +13,12 @@
 
 namespace {
 
+// No event loop runs on the test's thread: deferred deletions are delivered by the wait, as a
+// returning event loop would.
 bool wait_until(const std::function<bool()>& done, int timeout_ms = 5000)
 {
-    QDeadlineTimer deadline(timeout_ms);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-        // No event loop runs on the test's thread: deferred deletions are delivered by hand,
-        // as a returning event loop would.
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-        QThread::msleep(2);
-    }
-    return true;
+    return test_support::wait_until(
+        done, timeout_ms, test_support::wait_turn_t::events_and_deletions);
 }
 
 } // namespace
