@@ -20,6 +20,9 @@ const LOOKUP = new Int16Array(256).fill(-1);
 for (let i = 0; i < ALPHABET.length; i++) LOOKUP[ALPHABET.charCodeAt(i)] = i;
 
 const NodeBuffer = /** @type {any} */ (globalThis).Buffer;
+/** The native decoder of newer browsers (and of Node 22+); strict, so only for well-formed text. */
+const nativeFromBase64 = /** @type {any} */ (Uint8Array).fromBase64;
+const latin1 = new TextDecoder('latin1');
 
 /**
  * Base64 of `bytes`, standard alphabet with "=" padding and no line breaks.
@@ -64,6 +67,13 @@ export function base64Decode(text) {
         const padding = text.endsWith('==') ? 2 : text.endsWith('=') ? 1 : 0;
         if (decoded.byteLength === (text.length / 4) * 3 - padding)
             return new Uint8Array(decoded.buffer, decoded.byteOffset, decoded.byteLength);
+    } else if (!NodeBuffer && nativeFromBase64) {
+        // Throws on anything but well-formed Base64 (whitespace aside, which both skip alike).
+        try {
+            return nativeFromBase64(text);
+        } catch {
+            // The lenient path below.
+        }
     }
     const out = new Uint8Array(Math.floor((text.length * 3) / 4) + 3);
     let length = 0;
@@ -73,6 +83,42 @@ export function base64Decode(text) {
         const code = text.charCodeAt(i);
         if (code === 61) break; // "="
         const value = code < 256 ? LOOKUP[code] : -1;
+        if (value < 0) continue;
+        accumulator = (accumulator << 6) | value;
+        bits += 6;
+        if (bits >= 8) {
+            bits -= 8;
+            out[length++] = (accumulator >> bits) & 0xff;
+        }
+    }
+    return out.subarray(0, length);
+}
+
+/**
+ * base64Decode of the text whose UTF-8 bytes are `bytes`, without making that text first where
+ * it can: the same bytes as base64Decode(utf8Decode(bytes)), since the lenient decoder skips every
+ * character outside the (ASCII) alphabet and UTF-8 encodes all of them with bytes >= 0x80.
+ * @param {Uint8Array} bytes
+ * @returns {Uint8Array}
+ */
+export function base64DecodeBytes(bytes) {
+    if (NodeBuffer) return base64Decode(NodeBuffer.from(bytes.buffer, bytes.byteOffset, bytes.byteLength).toString('latin1'));
+    if (nativeFromBase64) {
+        try {
+            // Base64 is ASCII, where latin1 and UTF-8 agree; any other byte makes it throw.
+            return nativeFromBase64(latin1.decode(bytes));
+        } catch {
+            // The lenient path below.
+        }
+    }
+    const out = new Uint8Array(Math.floor((bytes.length * 3) / 4) + 3);
+    let length = 0;
+    let accumulator = 0;
+    let bits = 0;
+    for (let i = 0; i < bytes.length; i++) {
+        const code = bytes[i];
+        if (code === 61) break; // "="
+        const value = LOOKUP[code];
         if (value < 0) continue;
         accumulator = (accumulator << 6) | value;
         bits += 6;
