@@ -276,3 +276,18 @@ test('a large answer is parsed without decoding its Base64 text, and exactly lik
     assert.deepEqual(base64DecodeBytes(utf8), base64Decode('QU€JD\u00e9RA=='));
     assert.deepEqual(base64DecodeBytes(new TextEncoder().encode('QUJD')), new Uint8Array([65, 66, 67]));
 });
+
+test('browsers decode well-formed Base64 straight from its bytes, and refuse the rest to the lenient path', async () => {
+    const { strictBase64Bytes, base64DecodeBytes } = await import('../src/bytes.js');
+    const ascii = (text) => new TextEncoder().encode(text);
+    for (let length = 0; length < 40; length++) {
+        const raw = new Uint8Array(length).map((_, i) => (i * 97 + length * 31) & 0xff);
+        const text = Buffer.from(raw).toString('base64');
+        assert.deepEqual(strictBase64Bytes(ascii(text)), raw, `length ${length}`);
+        assert.deepEqual(base64DecodeBytes(ascii(text)), raw, `length ${length}`);
+    }
+    for (const text of ['QUJ', 'QUJDR', 'QU=D', 'QUJD=', 'QUJD====', 'Q===', 'QU\nJ', 'QUJ*', 'QUJDRA=\u00e9']) {
+        assert.equal(strictBase64Bytes(ascii(text)), null, JSON.stringify(text));
+        assert.deepEqual(base64DecodeBytes(ascii(text)), base64Decode(text), JSON.stringify(text));
+    }
+});
