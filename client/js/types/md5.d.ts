@@ -3,7 +3,7 @@
  * faster than the portable one). `create` returns a fresh incremental hasher.
  * @param {() => Md5State} create
  */
-export function useMd5Implementation(create: () => Md5State): void;
+export function useMd5Implementation(create: (() => Md5State | null) | null): void;
 /**
  * MD5 hex of bytes, or of the UTF-8 bytes of a string.
  * @param {Uint8Array | ArrayBuffer | ArrayBufferView | string} data
