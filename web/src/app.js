@@ -6,10 +6,13 @@
 import { check_background, check_background_name, BACKGROUND_FOLDER, MAX_BACKGROUND_BYTES } from './background_rule.js';
 import { contextHash as context_hash, md5Hex as md5_hex } from 'context-sync-client';
 import { gallery_session } from './gallery_session.js';
+import { install_fast_md5 } from './fast_md5.js';
 import { image_cache } from './image_cache.js';
 
 /** @param {string} id */
 const $ = (id) => /** @type {HTMLElement} */ (document.getElementById(id));
+
+install_fast_md5();
 
 const cache = new image_cache();
 /** @type {gallery_session | null} */

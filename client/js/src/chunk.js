@@ -3,7 +3,8 @@
 // followed by a zlib stream, as the server's compression produces it), Base64, and the MD5 of the
 // raw chunk that the receiver checks. Also the acknowledgement object of `ctx_chunk_ack`.
 import pako from 'pako';
-import { base64Decode, base64Encode } from './bytes.js';
+import { base64Decode, base64DecodeBytes, base64Encode } from './bytes.js';
+import { DATA_BYTES } from './topics.js';
 import { md5Hex } from './md5.js';
 
 export const CHUNK_SIZE = 512000;
@@ -128,7 +129,9 @@ export function decodeChunk(chunk) {
     const integer = (key) => (Number.isInteger(object[key]) ? object[key] : 0);
     const file = text('file');
     const hash = text('hash');
-    let bytes = base64Decode(text('data'));
+    // A chunk from parseAnswer's fast path has its Base64 as bytes: decoded from them directly.
+    const dataBytes = object[DATA_BYTES];
+    let bytes = dataBytes instanceof Uint8Array ? base64DecodeBytes(dataBytes) : base64Decode(text('data'));
     if (integer('compression') !== 0) bytes = decompressFramed(bytes) ?? new Uint8Array(0);
     const actualHash = md5Hex(bytes);
     return {

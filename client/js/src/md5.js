@@ -24,14 +24,18 @@ const sparkImplementation = () => {
 };
 
 let createState = sparkImplementation;
+/** @type {() => Md5State | null} */
+let chosen = sparkImplementation;
 
 /**
  * Replaces the MD5 implementation (context-sync-client/node installs node:crypto's, several times
- * faster than the portable one). `create` returns a fresh incremental hasher.
- * @param {() => Md5State} create
+ * faster than the portable one). `create` returns a fresh incremental hasher, or null when it has
+ * none to give at the moment (the portable one is then used for that hash).
+ * @param {(() => Md5State | null) | null} create
  */
 export function useMd5Implementation(create) {
-    createState = create ?? sparkImplementation;
+    chosen = create ?? sparkImplementation;
+    createState = () => chosen() ?? sparkImplementation();
 }
 
 /**

@@ -221,3 +221,73 @@ test('busy rule: RetryBackoff counts every try, early ones too, and repeats itse
         assert.ok(x >= 0 && x < 1);
     }
 });
+
+test('a large answer is parsed without decoding its Base64 text, and exactly like JSON.parse', async () => {
+    const { parseAnswer, DATA_BYTES, LARGE_ANSWER } = await import('../src/topics.js');
+    const { base64DecodeBytes } = await import('../src/bytes.js');
+    const raw = new Uint8Array(CHUNK_SIZE);
+    let seed = 12345;
+    for (let i = 0; i < raw.length; i++) raw[i] = (seed = (Math.imul(seed, 1103515245) + 12345) >>> 0) >>> 24;
+    const chunk = encodeChunk({ file: 'background/ü "data" é.png', index: 1, totalChunks: 3, remainingFiles: 2, raw, now: 1700000000000 });
+    assert.ok(chunk.data.length > LARGE_ANSWER);
+    const body = (object) => new TextEncoder().encode(JSON.stringify(object));
+    const envelope = { payload: chunk, subtype: '', type: 'ctx_chunk' };
+
+    // The server's message: the fast path keeps the Base64 as bytes, and everything reads the same.
+    const fast = parseAnswer(body(envelope), false);
+    assert.ok(fast.payload[DATA_BYTES] instanceof Uint8Array, 'the fast path was taken');
+    assert.equal(fast.payload[DATA_BYTES].length, chunk.data.length);
+    assert.deepEqual(JSON.parse(JSON.stringify(fast)), { ...envelope, broadcast: false });
+    assert.equal(fast.payload.data, chunk.data);
+    const decoded = decodeChunk(fast.payload);
+    assert.equal(decoded.valid, true);
+    assert.deepEqual(decoded.bytes, raw);
+    assert.equal(decoded.file, chunk.file);
+    assert.equal(decoded.index, 1);
+
+    // Whatever the cut cannot be sure of takes the whole parse, with the same outcome as JSON.parse.
+    const corrupt = chunk.data.slice(0, 1000) + '*' + chunk.data.slice(1000);
+    const cases = {
+        'a second data key': body({ ...envelope, payload: { ...chunk, extra: { data: 'QUJD' } } }),
+        'data in another object only': body({ ...envelope, payload: { ...chunk, data: undefined }, other: { data: chunk.data } }),
+        'a key spelled with escapes': new TextEncoder().encode(JSON.stringify({ ...envelope, payload: { ...chunk, data: '' } }).replace('"data":""', '"\\u0064ata":""').replace('"type"', `"x":{"data":"${chunk.data}"},"type"`)),
+        'space around the colon': new TextEncoder().encode(JSON.stringify(envelope).replace('"data":"', '"data" : "')),
+        'data that is not text': body({ ...envelope, payload: { ...chunk, data: 5 }, pad: chunk.data }),
+        'a data string ending a key': new TextEncoder().encode(JSON.stringify(envelope).replace('"file":', '"x\\"data":"y","file":')),
+    };
+    cases['an escape in the data'] = new TextEncoder().encode(JSON.stringify(envelope).replace(chunk.data.slice(0, 8), chunk.data.slice(0, 4) + '\\/' + chunk.data.slice(5, 8)));
+    for (const [name, bytes] of Object.entries(cases)) {
+        assert.ok(bytes.length >= LARGE_ANSWER, name);
+        const packet = parseAnswer(bytes, true);
+        assert.equal(packet.payload[DATA_BYTES], undefined, `${name}: whole parse`);
+        const expected = JSON.parse(new TextDecoder().decode(bytes));
+        assert.deepEqual(packet, { type: expected.type, subtype: expected.subtype ?? '', payload: expected.payload, broadcast: true }, name);
+    }
+    // A corrupt character in the bytes is skipped as the lenient decoder skips it: the same
+    // bytes as decoding the text, and the MD5 check refuses the chunk all the same.
+    const bad = parseAnswer(body({ ...envelope, payload: { ...chunk, data: corrupt } }), false);
+    assert.ok(bad.payload[DATA_BYTES]);
+    assert.deepEqual(decodeChunk(bad.payload).bytes, decodeChunk({ ...chunk, data: corrupt }).bytes);
+    assert.equal(decodeChunk(bad.payload).valid, true);
+    const flipped = chunk.data.slice(0, 1000) + (chunk.data[1000] === 'A' ? 'B' : 'A') + chunk.data.slice(1001);
+    assert.equal(decodeChunk(parseAnswer(body({ ...envelope, payload: { ...chunk, data: flipped } }), false).payload).valid, false);
+    // UTF-8 in the data bytes: skipped like the characters it encodes.
+    const utf8 = new TextEncoder().encode('QU€JD\u00e9RA==');
+    assert.deepEqual(base64DecodeBytes(utf8), base64Decode('QU€JD\u00e9RA=='));
+    assert.deepEqual(base64DecodeBytes(new TextEncoder().encode('QUJD')), new Uint8Array([65, 66, 67]));
+});
+
+test('browsers decode well-formed Base64 straight from its bytes, and refuse the rest to the lenient path', async () => {
+    const { strictBase64Bytes, base64DecodeBytes } = await import('../src/bytes.js');
+    const ascii = (text) => new TextEncoder().encode(text);
+    for (let length = 0; length < 40; length++) {
+        const raw = new Uint8Array(length).map((_, i) => (i * 97 + length * 31) & 0xff);
+        const text = Buffer.from(raw).toString('base64');
+        assert.deepEqual(strictBase64Bytes(ascii(text)), raw, `length ${length}`);
+        assert.deepEqual(base64DecodeBytes(ascii(text)), raw, `length ${length}`);
+    }
+    for (const text of ['QUJ', 'QUJDR', 'QU=D', 'QUJD=', 'QUJD====', 'Q===', 'QU\nJ', 'QUJ*', 'QUJDRA=\u00e9']) {
+        assert.equal(strictBase64Bytes(ascii(text)), null, JSON.stringify(text));
+        assert.deepEqual(base64DecodeBytes(ascii(text)), base64Decode(text), JSON.stringify(text));
+    }
+});

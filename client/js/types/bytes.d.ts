@@ -16,6 +16,21 @@ export function base64Encode(bytes: Uint8Array): string;
  */
 export function base64Decode(text: string): Uint8Array;
 /**
+ * base64Decode of the text whose UTF-8 bytes are `bytes`, without making that text first where
+ * it can: the same bytes as base64Decode(utf8Decode(bytes)), since the lenient decoder skips every
+ * character outside the (ASCII) alphabet and UTF-8 encodes all of them with bytes >= 0x80.
+ * @param {Uint8Array} bytes
+ * @returns {Uint8Array}
+ */
+export function base64DecodeBytes(bytes: Uint8Array): Uint8Array;
+/**
+ * Well-formed Base64 (groups of four, "=" only as the padding of the last one, no other
+ * characters) decoded from bytes; null for anything else.
+ * @param {Uint8Array} bytes
+ * @returns {Uint8Array | null}
+ */
+export function strictBase64Bytes(bytes: Uint8Array): Uint8Array | null;
+/**
  * @param {Uint8Array[]} parts
  * @returns {Uint8Array}
  */

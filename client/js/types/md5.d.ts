@@ -1,9 +1,10 @@
 /**
  * Replaces the MD5 implementation (context-sync-client/node installs node:crypto's, several times
- * faster than the portable one). `create` returns a fresh incremental hasher.
- * @param {() => Md5State} create
+ * faster than the portable one). `create` returns a fresh incremental hasher, or null when it has
+ * none to give at the moment (the portable one is then used for that hash).
+ * @param {(() => Md5State | null) | null} create
  */
-export function useMd5Implementation(create: () => Md5State): void;
+export function useMd5Implementation(create: (() => Md5State | null) | null): void;
 /**
  * MD5 hex of bytes, or of the UTF-8 bytes of a string.
  * @param {Uint8Array | ArrayBuffer | ArrayBufferView | string} data
